@@ -1,0 +1,63 @@
+#pragma once
+// The module's one framework task: owns the tracing instance, one reader per
+// CPU and the watch registry; its Run loop serves watch requests and delivers
+// every decoded record to the subscribed tasks.
+
+#include <map>
+#include <memory>
+#include <set>
+#include <string>
+#include <utility>
+#include <vector>
+
+#include "Framework/Event.h"
+#include "Framework/Task.h"
+#include "FtracePerCPUReader.h"
+#include "ftrace.h"
+
+namespace Poco {
+class Logger;
+}
+
+namespace Engine {
+
+class FtraceMessage;
+
+class FtraceTask : public Framework::Task {
+public:
+    FtraceTask();
+    ~FtraceTask() override;
+
+    int Init() override;
+    int UnInit() override;
+    int Run() override;
+
+    virtual void send_ftrace_message(FtraceRecord& record);
+
+    std::vector<FtracePerCPUReader*> CreateReaders(Ftrace& ftrace);
+    void clear();
+    int read_ftrace_event(int fd, unsigned int events, void* context);
+    static void handle_ftrace_record(FtraceRecord& record, void* context);
+
+    // Watch registry: (system, event name) -> subscriber task names.
+    int AddWatch(const Framework::Task* watcher, const std::string& system, const std::string& event);
+    int RemoveWatch(const Framework::Task* watcher, const std::string& system, const std::string& event);
+    bool set_event(const std::string& system, const std::string& event);
+    bool unset_event(const std::string& system, const std::string& event);
+
+    std::unique_ptr<FtraceMessage> create_ftrace_message(const FtraceRecord& record);
+
+    Ftrace& ftrace() { return m_ftrace; }
+    const Ftrace& ftrace() const { return m_ftrace; }
+    const std::map<std::pair<std::string, std::string>, std::set<std::string>>& watches() const { return m_watches; }
+    const std::vector<FtracePerCPUReader*>& readers() const { return m_readers; }
+
+private:
+    std::vector<Framework::Event> m_events;
+    Ftrace m_ftrace;
+    std::vector<FtracePerCPUReader*> m_readers;
+    Poco::Logger* m_logger;
+    std::map<std::pair<std::string, std::string>, std::set<std::string>> m_watches;
+};
+
+}  // namespace Engine

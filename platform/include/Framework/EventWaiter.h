@@ -1,0 +1,36 @@
+#pragma once
+#include <vector>
+
+struct epoll_event;
+
+namespace Framework {
+
+class Event;
+
+// epoll-based multiplexer owned by a task and used only on that task's thread.
+class EventWaiter {
+public:
+    EventWaiter();
+    ~EventWaiter();
+    EventWaiter(const EventWaiter&) = delete;
+    EventWaiter& operator=(const EventWaiter&) = delete;
+
+    // Watches the event's descriptor for input. The event must stay at the same
+    // address until removed or until the waiter is destroyed. 0 on success, -1
+    // on failure (for example a descriptor of -1).
+    int AddEvent(Event& event);
+    int RemoveEvent(Event& event);
+
+    // Waits up to `timeout_ms` (negative: no limit) for registered descriptors
+    // to become ready and calls HandleEvent on at most `max_events` of them,
+    // on the calling thread. Returns how many were handled (0 on time-out, -1 on error).
+    int WaitAndHandleEvent(int timeout_ms, int max_events);
+
+    bool IsValid() const { return m_epoll_fd >= 0; }
+
+private:
+    int m_epoll_fd = -1;
+    std::vector<epoll_event> m_ready;
+};
+
+}  // namespace Framework

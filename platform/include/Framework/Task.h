@@ -1,0 +1,70 @@
+#pragma once
+#include <Poco/Task.h>
+
+#include <atomic>
+#include <memory>
+#include <string>
+#include <vector>
+
+#include "Framework/Event.h"
+#include "Framework/EventWaiter.h"
+#include "Framework/Message.h"
+#include "Framework/MessageConsumer.h"
+#include "Framework/MessageProductor.h"
+#include "Framework/TaskCondition.h"
+
+namespace Framework {
+
+// A unit of work with its own thread, inbound message queue and event waiter.
+// The engine calls Init, then runs run() -> runTask() -> Run() on a thread of
+// the task's own, and at shutdown cancel(), waits for Run to return, calls
+// UnInit and deletes the task.
+class Task : public Poco::Task {
+public:
+    // `queue_size` is the slot count of the inbound queue (rounded up to a
+    // power of two). The task registers its own wake-up event (an eventfd) with
+    // its waiter, so EnqueueMsg cuts a WaitAndHandleEvent short.
+    Task(const std::string& name, const std::string& feature, TaskCondition::TaskType type,
+         unsigned int queue_size);
+    ~Task() override;
+
+    // Poco's task body: calls Run() (exceptions are caught and logged by the engine).
+    void runTask() override;
+
+    virtual int Init();
+    virtual int UnInit();
+    virtual int Run() = 0;
+    // Puts one reference to `message` on this task's queue without blocking and
+    // wakes the task's waiter. Any thread. 1 when queued, 0 when the queue is full.
+    virtual int EnqueueMsg(std::shared_ptr<Message>& message);
+    virtual int InterceptMsg(std::shared_ptr<Message>&) { return 0; }
+    virtual int HandleMsg(const Message*) { return 0; }
+
+    // Takes up to `max` queued messages, oldest first, and for each: InterceptMsg
+    // (non-zero skips it), MessageHandle(this), HandleMsg. A failing or throwing
+    // handler does not stop the others. Returns the number taken. Task thread only.
+    int BulkConsumeMsg(int max);
+    bool MessageEmpty() const;
+
+    const std::string& Feature() const { return m_feature; }
+    TaskCondition::TaskType Type() const { return m_condition.Type(); }
+    // Messages refused because the queue was full.
+    unsigned long DroppedMessages() const;
+
+protected:
+    EventWaiter& GetEventWaiter() { return m_event_waiter; }
+
+    std::string m_feature;
+    TaskCondition m_condition;
+    Event m_event;               // the task's own wake-up eventfd
+    EventWaiter m_event_waiter;  // derived tasks register their descriptors here
+    MessageProductor m_productor;
+    MessageConsumer m_consumer;
+
+private:
+    int OnWakeup(int fd, unsigned int events, void* context);
+    std::vector<std::shared_ptr<Message>> m_batch;
+    std::atomic<unsigned long> m_dropped{0};
+};
+
+}  // namespace Framework

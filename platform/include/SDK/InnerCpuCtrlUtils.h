@@ -1,0 +1,33 @@
+#pragma once
+// The agent's CPU budget: a thread that calls AdjustThreadCpu regularly is put
+// to sleep just long enough that its own CPU time (CLOCK_THREAD_CPUTIME_ID)
+// stays under the configured share of wall-clock time. Ticks are the
+// microseconds of SDK::TimeUtils.
+
+#include <cstdint>
+
+namespace SDK {
+
+class InnerCpuCtrlUtils {
+public:
+    // Turns the budget on with `percent` of one CPU (1..100); other values turn it off.
+    static void Enable(int percent);
+    static void Disable();
+    static bool IsEnabled();
+    static int GetPercent();
+
+    // How many ticks a thread may run between two adjustments.
+    static uint64_t GetSuggestedRunTick();
+    static void SetSuggestedRunTick(uint64_t ticks);
+
+    // Throttles the calling thread; `file`, `line` and `task` name the caller
+    // (kept for diagnostics), `now` is the current tick and `elapsed` the ticks
+    // since the caller's previous adjustment. May sleep. Returns the microseconds slept.
+    static uint64_t AdjustThreadCpu(const char* file, int line, const char* task, unsigned long now,
+                                    unsigned long elapsed);
+
+    // Total microseconds slept by AdjustThreadCpu in this process.
+    static uint64_t GetTotalThrottledMicros();
+};
+
+}  // namespace SDK

@@ -1,0 +1,187 @@
+#pragma once
+// Bounded lock-free FIFO on which every framework task receives its messages.
+//
+// A ring of power-of-two size indexed by four free-running 32-bit counters.
+// Producers reserve a run of slots by moving m_prod_head (CAS when several
+// producers may run), fill the slots, then publish them by moving m_prod_tail
+// once every earlier reservation is published. Consumers mirror that on the
+// m_cons_* pair. All counter arithmetic is modulo 2^32.
+
+#include <atomic>
+#include <cstdint>
+#include <vector>
+
+#if defined(__x86_64__) || defined(__i386__)
+#include <immintrin.h>
+#define SDK_LOCKLESS_QUEUE_PAUSE() _mm_pause()
+#elif defined(__aarch64__)
+#define SDK_LOCKLESS_QUEUE_PAUSE() asm volatile("yield" ::: "memory")
+#else
+#define SDK_LOCKLESS_QUEUE_PAUSE() std::atomic_signal_fence(std::memory_order_seq_cst)
+#endif
+
+namespace SDK {
+
+template <typename T>
+class LocklessQueue {
+public:
+    // `size` is rounded up to a power of two (at least 2); `capacity` 0 means
+    // "as many as there are slots", anything larger is cut to the slot count.
+    explicit LocklessQueue(uint32_t size, uint32_t capacity = 0, bool single_producer = false,
+                           bool single_consumer = false, bool clear_on_dequeue = true)
+        : m_single_producer(single_producer), m_single_consumer(single_consumer),
+          m_clear_on_dequeue(clear_on_dequeue) {
+        uint32_t slots = 2;
+        while (slots < size && slots < (1u << 31)) slots <<= 1;
+        m_size = slots;
+        m_mask = slots - 1;
+        m_capacity = (capacity == 0 || capacity > slots) ? slots : capacity;
+        m_buffer = new T[m_size];
+    }
+
+    LocklessQueue(const LocklessQueue&) = delete;
+    LocklessQueue& operator=(const LocklessQueue&) = delete;
+
+    virtual ~LocklessQueue() {
+        if (m_buffer != nullptr) {
+            delete[] m_buffer;  // destroys every slot, last to first
+            m_buffer = nullptr;
+        }
+    }
+
+    virtual int Enqueue(const T& item) {
+        if (m_buffer == nullptr) return 0;
+        std::vector<T> one{item};
+        return EnqueueBulk(one, 1);
+    }
+
+    // The count argument is ignored on purpose: the whole vector is attempted.
+    virtual int EnqueueBulk(const std::vector<T>& items, int /*count*/) {
+        if (m_buffer == nullptr) return 0;
+        const uint32_t wanted = static_cast<uint32_t>(items.size());
+        uint32_t head, next, n;
+        if (!m_single_producer) {
+            head = m_prod_head.load(std::memory_order_relaxed);
+            do {
+                const uint32_t cons_tail = m_cons_tail.load(std::memory_order_acquire);
+                const uint32_t room = m_capacity + cons_tail - head;
+                n = wanted < room ? wanted : room;
+                if (n == 0) return 0;
+                next = head + n;
+            } while (!m_prod_head.compare_exchange_weak(head, next, std::memory_order_relaxed,
+                                                        std::memory_order_relaxed));
+        } else {
+            head = m_prod_head.load(std::memory_order_relaxed);
+            const uint32_t cons_tail = m_cons_tail.load(std::memory_order_acquire);
+            const uint32_t room = m_capacity + cons_tail - head;
+            n = wanted < room ? wanted : room;
+            if (n == 0) return 0;
+            next = head + n;
+            m_prod_head.store(next, std::memory_order_relaxed);
+        }
+        _EnqueueElements(head, items, n);
+        if (!m_single_producer) {
+            while (m_prod_tail.load(std::memory_order_acquire) != head) SDK_LOCKLESS_QUEUE_PAUSE();
+        }
+        m_prod_tail.store(next, std::memory_order_release);
+        return static_cast<int>(n);
+    }
+
+    virtual int Dequeue(T& out) {
+        if (m_buffer == nullptr) return 0;
+        std::vector<T> one;
+        if (DequeueBulk(one, 1) == 1) {
+            out = one.front();
+            return 1;
+        }
+        return 0;
+    }
+
+    // Appends up to `max` elements (compared unsigned: negative means no limit).
+    virtual int DequeueBulk(std::vector<T>& out, int max) {
+        if (m_buffer == nullptr) return 0;
+        const uint32_t limit = static_cast<uint32_t>(max);
+        uint32_t head, next, n;
+        if (!m_single_consumer) {
+            head = m_cons_head.load(std::memory_order_relaxed);
+            do {
+                const uint32_t available = m_prod_tail.load(std::memory_order_acquire) - head;
+                n = limit < available ? limit : available;
+                if (n == 0) return 0;
+                next = head + n;
+            } while (!m_cons_head.compare_exchange_weak(head, next, std::memory_order_relaxed,
+                                                        std::memory_order_relaxed));
+        } else {
+            head = m_cons_head.load(std::memory_order_relaxed);
+            const uint32_t available = m_prod_tail.load(std::memory_order_acquire) - head;
+            n = limit < available ? limit : available;
+            if (n == 0) return 0;
+            next = head + n;
+            m_cons_head.store(next, std::memory_order_relaxed);
+        }
+        _DequeueElements(head, out, n);
+        if (!m_single_consumer) {
+            while (m_cons_tail.load(std::memory_order_acquire) != head) SDK_LOCKLESS_QUEUE_PAUSE();
+        }
+        m_cons_tail.store(next, std::memory_order_release);
+        return static_cast<int>(n);
+    }
+
+    // Read-only views for owners and tests. Approximate while other threads run.
+    uint32_t Size() const { return m_size; }
+    uint32_t Capacity() const { return m_capacity; }
+    uint32_t Count() const {
+        return m_prod_tail.load(std::memory_order_acquire) - m_cons_head.load(std::memory_order_acquire);
+    }
+    bool Empty() const { return Count() == 0; }
+
+protected:
+    // Lets tests start the counters just below the 2^32 wrap. Only on an unused queue.
+    void SetCountersForTesting(uint32_t value) {
+        m_prod_head = m_prod_tail = m_cons_head = m_cons_tail = value;
+    }
+
+    void _EnqueueElements(unsigned int head, const std::vector<T>& items, unsigned int n) {
+        const uint32_t index = head & m_mask;
+        if (index + n < m_size) {
+            unsigned int i = 0;
+            for (; i + 4 <= n; i += 4) {
+                m_buffer[index + i] = items[i];
+                m_buffer[index + i + 1] = items[i + 1];
+                m_buffer[index + i + 2] = items[i + 2];
+                m_buffer[index + i + 3] = items[i + 3];
+            }
+            for (; i < n; ++i) m_buffer[index + i] = items[i];
+        } else {
+            unsigned int i = 0;
+            for (uint32_t slot = index; slot < m_size; ++slot, ++i) m_buffer[slot] = items[i];
+            for (uint32_t slot = 0; i < n; ++slot, ++i) m_buffer[slot] = items[i];
+        }
+    }
+
+    void _DequeueElements(unsigned int head, std::vector<T>& out, unsigned int n) {
+        uint32_t slot = head & m_mask;
+        for (unsigned int i = 0; i < n; ++i) {
+            out.push_back(m_buffer[slot]);
+            if (m_clear_on_dequeue) m_buffer[slot] = T();
+            slot = (slot + 1) & m_mask;
+        }
+    }
+
+    // Producer group and consumer group each on a cache line of their own.
+    alignas(64) std::atomic<uint32_t> m_prod_head{0};
+    std::atomic<uint32_t> m_prod_tail{0};
+    uint32_t m_prod_reserved{0};
+    alignas(64) std::atomic<uint32_t> m_cons_head{0};
+    std::atomic<uint32_t> m_cons_tail{0};
+    uint32_t m_cons_reserved{0};
+    alignas(64) bool m_single_producer;
+    bool m_single_consumer;
+    uint32_t m_size{0};
+    uint32_t m_mask{0};
+    uint32_t m_capacity{0};
+    bool m_clear_on_dequeue;
+    T* m_buffer{nullptr};
+};
+
+}  // namespace SDK

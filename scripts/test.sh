@@ -1,0 +1,69 @@
+#!/usr/bin/env bash
+# Installs what is missing, builds, and runs every test: the normal build,
+# then the AddressSanitizer+UBSan build, the ThreadSanitizer build and short
+# fuzzing runs. Needs root (the tests drive the real kernel's tracefs).
+#   scripts/test.sh            everything
+#   FTRACE_TEST_QUICK=1 ...     the normal build only
+set -euo pipefail
+cd "$(dirname "$0")/.."
+root=$(pwd)
+jobs=$(nproc)
+
+scripts/install-deps.sh
+scripts/mount-tracefs.sh
+
+passed=0
+failed=0
+run_ctest() {  # run_ctest <build dir> [ctest args...]
+    local dir=$1; shift
+    local log="$dir/ctest.log"
+    set +e
+    ctest --test-dir "$dir" --output-on-failure --timeout 600 -j2 "$@" 2>&1 | tee "$log"
+    local rc=${PIPESTATUS[0]}
+    set -e
+    local line total nfail
+    line=$(grep -E 'tests passed, [0-9]+ tests failed out of [0-9]+' "$log" | tail -1 || true)
+    if [ -n "$line" ]; then
+        total=$(sed -E 's/.*out of ([0-9]+).*/\1/' <<<"$line")
+        nfail=$(sed -E 's/.*passed, ([0-9]+) tests failed.*/\1/' <<<"$line")
+        passed=$((passed + total - nfail))
+        failed=$((failed + nfail))
+    elif [ "$rc" -ne 0 ]; then
+        failed=$((failed + 1))
+    fi
+}
+
+build() {  # build <dir> [cmake args...]
+    local dir=$1; shift
+    cmake -S "$root" -B "$dir" -DCMAKE_BUILD_TYPE=RelWithDebInfo "$@" >/dev/null
+    cmake --build "$dir" -j"$jobs"
+}
+
+echo "== normal build"
+build build
+run_ctest build
+
+if [ -z "${FTRACE_TEST_QUICK:-}" ]; then
+    echo "== AddressSanitizer + UndefinedBehaviorSanitizer build"
+    build build-asan -DFTRACE_SANITIZE_ADDRESS=ON -DFTRACE_BUILD_BENCH=OFF
+    ASAN_OPTIONS=detect_leaks=1:abort_on_error=1 UBSAN_OPTIONS=print_stacktrace=1:halt_on_error=1 \
+        run_ctest build-asan -LE 'long|install'
+
+    echo "== ThreadSanitizer build"
+    build build-tsan -DFTRACE_SANITIZE_THREAD=ON -DFTRACE_BUILD_BENCH=OFF
+    TSAN_OPTIONS="halt_on_error=1 second_deadlock_stack=1 suppressions=$root/tests/tsan.supp" \
+        run_ctest build-tsan -LE 'long|install|kernel-only'
+
+    echo "== fuzzing (short runs)"
+    build build-fuzz -DFTRACE_BUILD_FUZZ=ON -DFTRACE_BUILD_BENCH=OFF \
+        -DCMAKE_C_COMPILER=clang -DCMAKE_CXX_COMPILER=clang++
+    run_ctest build-fuzz -L fuzz
+fi
+
+# Leave nothing behind in tracefs.
+if [ -d /sys/kernel/tracing/instances/ZEV ]; then
+    echo "warning: instances/ZEV is still present after the tests" >&2
+fi
+
+echo "all builds: $passed passed, $failed failed"
+[ "$failed" -eq 0 ]

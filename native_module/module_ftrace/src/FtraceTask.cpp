@@ -1,1 +1,207 @@
-// placeholder: being written
+#include "FtraceTask.h"
+
+#include <dirent.h>
+
+#include <Poco/Util/Application.h>
+
+#include <iterator>
+
+#include "CPUTopology.h"
+#include "Framework/Engine.h"
+#include "Framework/EventCallback.h"
+#include "FtraceLog.h"
+#include "FtraceMessage.h"
+
+namespace Engine {
+
+namespace {
+
+constexpr int kMessagesPerBatch = 1024;
+constexpr int kWaitTimeoutMs = 1000;
+constexpr int kEventsPerWait = 128;
+// Poco::Task::TASK_CANCELLING: cancel() has been called.
+constexpr int kStateCancelling = 3;
+
+struct DirCloser {
+    void operator()(DIR* dir) const { closedir(dir); }
+};
+
+}  // namespace
+
+FtraceTask::FtraceTask()
+    : Framework::Task("ftrace_task", "ftrace_feature", static_cast<Framework::TaskCondition::TaskType>(4), 8192),
+      m_ftrace("ZEV"),
+      m_logger(SDK::LoggerUtils::GetInstance()->GetModuleLogger("ftrace", false)) {}
+
+FtraceTask::~FtraceTask() {
+    // Normally UnInit has done this already. Otherwise the events' descriptors
+    // must be closed before m_ftrace goes: the kernel refuses to remove an
+    // instance whose per-CPU pipes are still open.
+    clear();
+    // Nothing can call back with a reader as context once the events are gone.
+    for (FtracePerCPUReader* reader : m_readers) delete reader;
+    m_readers.clear();
+}
+
+int FtraceTask::Init() {
+    FTRACE_LOG_TO(m_logger, Poco::Message::PRIO_INFORMATION, "Ftrace task init");
+    m_readers = CreateReaders(m_ftrace);
+    // The waiter keeps each event's address: the vector must never reallocate
+    // once the first event is registered.
+    m_events.reserve(m_readers.size());
+    for (FtracePerCPUReader* reader : m_readers) {
+        FileDescriptor fd(std::move(reader->fd()));
+        auto* callback = new Framework::EventCallback<FtraceTask>(this, &FtraceTask::read_ftrace_event);
+        m_events.emplace_back(callback, reader, fd.release());
+        GetEventWaiter().AddEvent(m_events.back());
+    }
+    return Framework::Task::Init();
+}
+
+std::vector<FtracePerCPUReader*> FtraceTask::CreateReaders(Ftrace& ftrace) {
+    std::vector<FtracePerCPUReader*> readers;
+    const std::vector<int> cpus = Engine::CPUTopology::GetOnlineCPUs();
+    if (!cpus.empty()) {
+        FtracePerCPUReader::create_readers(ftrace, cpus.begin(), cpus.end(), std::back_inserter(readers));
+        return readers;
+    }
+
+    // No usable CPU list: take the CPUs the instance itself offers.
+    const std::string dir = ftrace.tracing_file("per_cpu");
+    if (dir.empty()) return readers;
+    std::unique_ptr<DIR, DirCloser> handle(opendir(dir.c_str()));
+    if (!handle) return readers;
+    try {
+        while (const dirent* entry = readdir(handle.get())) {
+            const std::string name = entry->d_name;
+            if (name.size() <= 3 || name.compare(0, 3, "cpu") != 0) continue;
+            // A malformed name such as "cpuX" throws from std::stoul and fails Init.
+            const int cpu = static_cast<int>(std::stoul(name.substr(3), nullptr, 10));
+            readers.push_back(new FtracePerCPUReader(ftrace, dir + "/" + name + "/trace_pipe_raw", cpu));
+        }
+    } catch (...) {
+        for (FtracePerCPUReader* reader : readers) delete reader;
+        throw;
+    }
+    return readers;
+}
+
+int FtraceTask::Run() {
+    FTRACE_LOG_TO(m_logger, Poco::Message::PRIO_INFORMATION, "Ftrace task Run");
+    BulkConsumeMsg(kMessagesPerBatch);
+    while (state() != kStateCancelling) {
+        if (MessageEmpty()) {
+            GetEventWaiter().WaitAndHandleEvent(kWaitTimeoutMs, kEventsPerWait);
+        } else {
+            BulkConsumeMsg(kMessagesPerBatch);
+        }
+        // The kernel wakes pollers of trace_pipe_raw only at the buffer's
+        // watermark, so every CPU is drained on every pass, ready or not.
+        for (Framework::Event& event : m_events) event.HandleEvent(static_cast<unsigned int>(-1));
+    }
+    return 0;
+}
+
+int FtraceTask::read_ftrace_event(int fd, unsigned int /*events*/, void* context) {
+    auto* reader = static_cast<FtracePerCPUReader*>(context);
+    while (reader->read_once(m_ftrace, fd, &FtraceTask::handle_ftrace_record, this) == 2) {
+    }
+    return 0;
+}
+
+void FtraceTask::handle_ftrace_record(FtraceRecord& record, void* context) {
+    static_cast<FtraceTask*>(context)->send_ftrace_message(record);
+}
+
+void FtraceTask::clear() {
+    for (const auto& entry : m_watches) {
+        const std::pair<std::string, std::string> key = entry.first;
+        unset_event(key.first, key.second);
+    }
+    m_watches.clear();
+    for (Framework::Event& event : m_events) GetEventWaiter().RemoveEvent(event);
+    m_events.clear();
+}
+
+int FtraceTask::UnInit() {
+    clear();
+    return Framework::Task::UnInit();
+}
+
+int FtraceTask::AddWatch(const Framework::Task* watcher, const std::string& system, const std::string& event) {
+    FTRACE_LOG_TO(m_logger, Poco::Message::PRIO_DEBUG, "Enter: AddWatch: %s:%s", system, event);
+    std::set<std::string>& subscribers = m_watches[std::make_pair(system, event)];
+    if (subscribers.insert(watcher->name()).second) {
+        // Every new subscriber enables the event again; the kernel ignores a
+        // repeated enable. An unknown event stays recorded (no rollback).
+        return set_event(system, event) ? 0 : 1;
+    }
+    FTRACE_LOG_TO(m_logger, Poco::Message::PRIO_INFORMATION, "Task %s already registered to %s:%s", watcher->name(),
+                  system, event);
+    return 1;
+}
+
+int FtraceTask::RemoveWatch(const Framework::Task* watcher, const std::string& system, const std::string& event) {
+    const auto it = m_watches.find(std::make_pair(system, event));
+    if (it == m_watches.end() || it->second.erase(watcher->name()) == 0) {
+        FTRACE_LOG_TO(m_logger, Poco::Message::PRIO_INFORMATION, "Task %s was not registered to %s:%s",
+                      watcher->name(), system, event);
+        return 0;
+    }
+    // Only the last subscriber switches the event off; the emptied key stays.
+    if (it->second.empty()) return unset_event(system, event) ? 0 : 1;
+    return 0;
+}
+
+bool FtraceTask::set_event(const std::string& system, const std::string& event) {
+    FTRACE_LOG_TO(m_logger, Poco::Message::PRIO_INFORMATION, "Setting event: %s:%s", system, event);
+    const FtraceEvent found = m_ftrace.get_event(system, event);
+    if (!found) {
+        FTRACE_LOG_TO(m_logger, Poco::Message::PRIO_ERROR, "Invalid event: %s:%s", system, event);
+        return false;
+    }
+    m_ftrace.add(found);
+    return true;
+}
+
+bool FtraceTask::unset_event(const std::string& system, const std::string& event) {
+    const FtraceEvent found = m_ftrace.get_event(system, event);
+    if (!found) return false;
+    m_ftrace.remove(found);
+    return true;
+}
+
+std::unique_ptr<FtraceMessage> FtraceTask::create_ftrace_message(const FtraceRecord& record) {
+    const FtraceEvent& event = record.event();
+    auto message = std::make_unique<FtraceMessage>(event.name());
+    message->add("timestamp", static_cast<unsigned long>(record.timestamp()));
+    for (const FtraceField field : FtraceEvent::FtraceEventFields(event)) {
+        if (field.is_array()) {
+            message->add(field.name(), record.get_string(field));
+        } else {
+            message->add(field.name(), static_cast<unsigned long>(record.get(field)));
+        }
+    }
+    return message;
+}
+
+void FtraceTask::send_ftrace_message(FtraceRecord& record) {
+    std::unique_ptr<FtraceMessage> built = create_ftrace_message(record);
+    const FtraceEvent& event = record.event();
+    // A record of an event nobody asked for leaves an empty entry behind.
+    const std::set<std::string> subscribers = m_watches[std::make_pair(event.system(), event.event_name())];
+    // One instance, shared by every receiver.
+    std::shared_ptr<Framework::Message> message(std::move(built));
+    for (const std::string& name : subscribers) {
+        Poco::Util::Application& application = Poco::Util::Application::instance();
+        Framework::Task* task = dynamic_cast<Framework::Engine*>(&application)->FindTask(name);
+        if (task == nullptr) {
+            FTRACE_LOG_TO(m_logger, Poco::Message::PRIO_INFORMATION,
+                          "FtraceTask::send_ftrace_message: Task %s not found", name);
+            continue;
+        }
+        task->EnqueueMsg(message);
+    }
+}
+
+}  // namespace Engine

@@ -8,26 +8,33 @@ struct tracefs_instance* ftrace_shim_instance_alloc(const char* name) {
     return tracefs_instance_alloc(NULL, name);
 }
 
-int ftrace_shim_instance_create(struct tracefs_instance** instance) {
-    const char* name = instance && *instance ? tracefs_instance_get_name(*instance) : NULL;
-    struct tracefs_instance* created = tracefs_instance_create(name);
-    if (created == NULL) return -1;
-    int result = tracefs_instance_is_new(created) ? 0 : 1;
+int ftrace_shim_instance_create(const char* name, struct tracefs_instance** instance) {
+    /* The name is passed in rather than read from *instance: for a
+     * directory that does not exist yet there is no handle to read it from,
+     * and a null name would quietly adopt the top instance. */
+    struct tracefs_instance* made = tracefs_instance_create(name);
+    if (made == NULL) return -1;
+    int result = tracefs_instance_is_new(made) ? 0 : 1;
     if (instance) {
-        if (*instance) tracefs_instance_free(*instance);
-        *instance = created;
+        tracefs_instance_free(*instance);
+        *instance = made;
     } else {
-        tracefs_instance_free(created);
+        tracefs_instance_free(made);
     }
     return result;
 }
 
 int ftrace_shim_instance_destroy(struct tracefs_instance* instance) { return tracefs_instance_destroy(instance); }
 void ftrace_shim_instance_free(struct tracefs_instance* instance) { tracefs_instance_free(instance); }
-char* ftrace_shim_instance_get_dir(struct tracefs_instance* instance) { return tracefs_instance_get_dir(instance); }
-char* ftrace_shim_instance_get_file(struct tracefs_instance* instance, const char* file) {
-    return tracefs_instance_get_file(instance, file);
+
+char* ftrace_shim_instance_get_dir(struct tracefs_instance* instance) {
+    return instance ? tracefs_instance_get_dir(instance) : NULL;
 }
+
+char* ftrace_shim_instance_get_file(struct tracefs_instance* instance, const char* file) {
+    return instance ? tracefs_instance_get_file(instance, file) : NULL;
+}
+
 void ftrace_shim_put_tracing_file(char* name) { tracefs_put_tracing_file(name); }
 const char* ftrace_shim_tracing_dir(void) { return tracefs_tracing_dir(); }
 
@@ -37,3 +44,17 @@ int ftrace_shim_set_tracing_dir(const char* dir) {
 }
 
 bool ftrace_shim_instance_exists(const char* name) { return tracefs_instance_exists(name); }
+
+#if defined(__SANITIZE_ADDRESS__)
+#define FTRACE_SHIM_ASAN 1
+#elif defined(__has_feature)
+#if __has_feature(address_sanitizer)
+#define FTRACE_SHIM_ASAN 1
+#endif
+#endif
+#ifdef FTRACE_SHIM_ASAN
+/* TraceFS::file() keeps every path buffer libtracefs hands out (it is never
+ * given back), so LeakSanitizer would otherwise fail every program that asks
+ * for a control file's path. */
+const char* __lsan_default_suppressions(void) { return "leak:ftrace_shim_instance_get_file\n"; }
+#endif

@@ -1,1 +1,48 @@
-// placeholder: being written
+#include "Framework/EventWaiter.h"
+
+#include <sys/epoll.h>
+#include <unistd.h>
+
+#include <cerrno>
+
+#include "Framework/Event.h"
+
+namespace Framework {
+
+EventWaiter::EventWaiter() : m_epoll_fd(::epoll_create1(EPOLL_CLOEXEC)) {}
+
+EventWaiter::~EventWaiter() {
+    if (m_epoll_fd >= 0) ::close(m_epoll_fd);
+}
+
+int EventWaiter::AddEvent(Event& event) {
+    if (m_epoll_fd < 0 || event.Fd() < 0) return -1;
+    epoll_event ev{};
+    ev.events = EPOLLIN;
+    ev.data.ptr = &event;
+    if (::epoll_ctl(m_epoll_fd, EPOLL_CTL_ADD, event.Fd(), &ev) == 0) return 0;
+    // Re-adding a descriptor re-points it at this event.
+    if (errno == EEXIST && ::epoll_ctl(m_epoll_fd, EPOLL_CTL_MOD, event.Fd(), &ev) == 0) return 0;
+    return -1;
+}
+
+int EventWaiter::RemoveEvent(Event& event) {
+    if (m_epoll_fd < 0 || event.Fd() < 0) return -1;
+    return ::epoll_ctl(m_epoll_fd, EPOLL_CTL_DEL, event.Fd(), nullptr) == 0 ? 0 : -1;
+}
+
+int EventWaiter::WaitAndHandleEvent(int timeout_ms, int max_events) {
+    if (m_epoll_fd < 0 || max_events <= 0) {
+        errno = m_epoll_fd < 0 ? EBADF : EINVAL;
+        return -1;
+    }
+    if (m_ready.size() < static_cast<size_t>(max_events)) m_ready.resize(static_cast<size_t>(max_events));
+    const int n = ::epoll_wait(m_epoll_fd, m_ready.data(), max_events, timeout_ms);
+    if (n < 0) return errno == EINTR ? 0 : -1;
+    for (int i = 0; i < n; ++i) {
+        static_cast<Event*>(m_ready[static_cast<size_t>(i)].data.ptr)->HandleEvent(m_ready[static_cast<size_t>(i)].events);
+    }
+    return n;
+}
+
+}  // namespace Framework

@@ -1,1 +1,115 @@
-// placeholder: being written
+#include "Framework/Task.h"
+
+#include <Poco/Format.h>
+#include <Poco/Message.h>
+#include <sys/eventfd.h>
+#include <unistd.h>
+
+#include <cerrno>
+#include <cstdint>
+#include <exception>
+
+#include "Framework/EventCallback.h"
+#include "SDK/LoggerUtils.h"
+
+namespace Framework {
+namespace {
+
+void LogError(const std::string& text, int line) {
+    SDK::LoggerUtils::Log(SDK::LoggerUtils::GetInstance()->GetRootLogger(), Poco::Message::PRIO_ERROR, text,
+                          __FILE__, line);
+}
+
+}  // namespace
+
+Task::Task(const std::string& name, const std::string& feature, TaskCondition::TaskType type,
+           unsigned int queue_size)
+    : Poco::Task(name),
+      m_feature(feature),
+      m_condition(type),
+      m_event(new EventCallback<Task>(this, &Task::OnWakeup), nullptr, ::eventfd(0, EFD_NONBLOCK | EFD_CLOEXEC)),
+      m_consumer(queue_size) {
+    // Without the eventfd the task still works; its waits just run to their time-out.
+    if (m_event_waiter.AddEvent(m_event) != 0) {
+        LogError(Poco::format("task %s: no wake-up event (errno %d)", name, errno), __LINE__);
+    }
+}
+
+Task::~Task() = default;
+
+void Task::runTask() {
+    try {
+        Run();
+    } catch (const std::exception& e) {
+        LogError(Poco::format("task %s: Run threw: %s", name(), std::string(e.what())), __LINE__);
+    } catch (...) {
+        LogError(Poco::format("task %s: Run threw a non-standard exception", name()), __LINE__);
+    }
+}
+
+int Task::Init() { return 0; }
+
+int Task::UnInit() { return 0; }
+
+int Task::EnqueueMsg(std::shared_ptr<Message>& message) {
+    if (!message) return 0;
+    if (m_consumer.Queue().Enqueue(message) != 1) {
+        m_dropped.fetch_add(1, std::memory_order_relaxed);
+        return 0;
+    }
+    // Release pairs with the consumer's exchange in OnWakeup: a producer that
+    // skips the write has its message visible to the consumer's next check.
+    if (!m_wakeup_pending.exchange(true, std::memory_order_acq_rel)) Wakeup();
+    return 1;
+}
+
+void Task::Wakeup() {
+    if (m_event.Fd() < 0) return;
+    const uint64_t one = 1;
+    // EAGAIN means the counter is already saturated, i.e. a wake-up is pending anyway.
+    ssize_t rc;
+    do {
+        rc = ::write(m_event.Fd(), &one, sizeof one);
+    } while (rc < 0 && errno == EINTR);
+}
+
+int Task::OnWakeup(int fd, unsigned int, void*) {
+    uint64_t count = 0;
+    ssize_t rc;
+    do {
+        rc = ::read(fd, &count, sizeof count);
+    } while (rc < 0 && errno == EINTR);
+    // Cleared after the read: a producer that still saw it set enqueued before
+    // this point, and the task's loop checks the queue after the wait returns.
+    m_wakeup_pending.exchange(false, std::memory_order_acq_rel);
+    return 0;
+}
+
+int Task::BulkConsumeMsg(int max) {
+    // Swapped out so that a handler that consumes again works on its own batch.
+    std::vector<std::shared_ptr<Message>> batch;
+    batch.swap(m_batch);
+    batch.clear();
+    const int taken = m_consumer.Queue().DequeueBulk(batch, max);
+    for (auto& message : batch) {
+        if (!message) continue;
+        try {
+            if (InterceptMsg(message) != 0) continue;
+            message->MessageHandle(this);
+            HandleMsg(message.get());
+        } catch (const std::exception& e) {
+            LogError(Poco::format("task %s: message handler threw: %s", name(), std::string(e.what())), __LINE__);
+        } catch (...) {
+            LogError(Poco::format("task %s: message handler threw a non-standard exception", name()), __LINE__);
+        }
+    }
+    batch.clear();  // drops this task's references now, not at the next call
+    m_batch.swap(batch);
+    return taken;
+}
+
+bool Task::MessageEmpty() const { return m_consumer.Queue().Empty(); }
+
+unsigned long Task::DroppedMessages() const { return m_dropped.load(std::memory_order_relaxed); }
+
+}  // namespace Framework

@@ -32,9 +32,13 @@ void LoggerUtils::Log(Poco::Logger* logger, int priority, const std::string& tex
                       int line) noexcept {
     if (!Admits(logger, priority)) return;
     try {
-        const std::string base = PathUtils::GetFileNameFromPath(file != nullptr ? file : "");
-        Poco::Message message(logger->name(), text, static_cast<Poco::Message::Priority>(priority),
-                              base.c_str(), line);
+        // Point into `file` itself: the message (and any queued copy of it)
+        // keeps only the pointer, so it must not refer to a temporary string.
+        const char* base = file != nullptr ? file : "";
+        const std::string name = PathUtils::GetFileNameFromPath(base);
+        base += std::char_traits<char>::length(base) - name.size();
+        Poco::Message message(logger->name(), text, static_cast<Poco::Message::Priority>(priority), base,
+                              line);
         logger->log(message);
     } catch (const std::exception&) {
         // A failing channel must never take the caller down.

@@ -1,5 +1,6 @@
 #pragma once
 #include <Poco/Util/Application.h>
+#include <signal.h>
 
 #include <atomic>
 #include <memory>
@@ -22,13 +23,19 @@ public:
     Engine();
     ~Engine() override;
 
-    // dlopen(RTLD_NOW) `path`, CreateModule(), then Module::Init(). 0 on success;
-    // -1 on failure with the reason in `error` (dlerror text, missing symbol,
-    // Init result). A module whose Init fails is unloaded again.
+    // dlopen(RTLD_NOW | RTLD_LOCAL) `path`, CreateModule(), then Module::Init().
+    // 0 on success; -1 on failure with the reason in `error` (dlerror text,
+    // missing symbol, Init result or exception). RTLD_NOW: an unresolved symbol
+    // is a load error now, not a crash later. RTLD_LOCAL: modules do not bind to
+    // each other's symbols by accident; a module that uses another's classes
+    // links to that library. A module whose Init fails is destroyed and
+    // unloaded; tasks it registered during that Init were never visible to
+    // FindTask nor started, and are deleted before its code is unmapped.
     int LoadModule(const std::string& path, std::string* error = nullptr);
     // Every "*.so" in `dir`, in name order. Returns the number loaded; reasons in `errors`.
     int LoadModuleDirectory(const std::string& dir, std::vector<std::string>* errors = nullptr);
-    // An in-process module (the engine owns it); calls its Init. 0 on success.
+    // An in-process module (the engine owns it, also when its Init fails and
+    // it is deleted at once); calls its Init. 0 on success.
     int AddModule(Module* module);
 
     // Task::Init and a thread for every registered task not started yet. 0 when all started.
@@ -44,11 +51,20 @@ public:
     std::vector<std::string> TaskNames() const;
 
     // Blocks until SIGINT or SIGTERM (or RequestStop) and returns the signal (0 for RequestStop).
+    // The constructor blocks both signals in the constructing thread, and every
+    // thread started later inherits that, so a signal stays pending until it is
+    // taken here (through a signalfd). Construct the engine on the main thread
+    // before any other thread exists. Once RequestStop was called, returns 0 at once.
     int WaitForStopRequest();
     void RequestStop();
 
-    // Order of lifecycle calls, for tests and diagnostics ("task X Init", ...).
+    // Order of lifecycle calls, for tests and diagnostics: "module M Init",
+    // "task T registered", "task T Init", "task T start", "task T cancel",
+    // "task T stopped", "task T UnInit", "module M UnInit", "task T delete",
+    // "module M delete", "module M unload" (and "... failed", "task T dropped").
     std::vector<std::string> Journal() const;
+    // Appends a line to the journal; modules may add their own steps.
+    void Note(const std::string& line);
 
 protected:
     // Poco entry point: StartTasks, WaitForStopRequest, Shutdown.
@@ -56,17 +72,28 @@ protected:
 
 private:
     friend class Module;
-    int AdoptTask(Module* owner, Task* task, bool start_now);
-    int StartTask(Task* task);
-    void Note(const std::string& line);
-
     struct LoadedModule;
     struct RunningTask;
+
+    int AdoptTask(Module* owner, Task* task, bool start_now);
+    int InitModule(std::unique_ptr<LoadedModule> loaded, std::string* error);
+    int StartTask(RunningTask& running);
+    void WaitForTaskEnd(RunningTask& running);
 
     mutable std::shared_mutex m_tasks_mutex;  // guards m_tasks and m_by_name
     std::vector<std::unique_ptr<RunningTask>> m_tasks;
     std::unordered_map<std::string, Task*> m_by_name;
     std::vector<std::unique_ptr<LoadedModule>> m_modules;
+    // Serialises loading, starting and shutting down. Recursive because a
+    // module's Init, run under it, registers tasks.
+    std::recursive_mutex m_lifecycle_mutex;
+    // The module whose Init is running, and the tasks it registered so far
+    // (guarded by m_tasks_mutex): they join m_tasks only if that Init succeeds.
+    Module* m_initialising = nullptr;
+    std::vector<std::unique_ptr<RunningTask>> m_pending;
+    int m_signal_fd = -1;
+    int m_stop_fd = -1;
+    sigset_t m_unblock_on_exit;  // the stop signals that were not blocked before
     std::atomic<bool> m_started{false};
     std::atomic<bool> m_shut_down{false};
     std::atomic<bool> m_stop_requested{false};

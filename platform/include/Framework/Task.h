@@ -28,7 +28,8 @@ public:
          unsigned int queue_size);
     ~Task() override;
 
-    // Poco's task body: calls Run() (exceptions are caught and logged by the engine).
+    // Poco's task body: calls Run(); an exception leaving Run is logged on the
+    // root logger and ends the task thread normally.
     void runTask() override;
 
     virtual int Init();
@@ -50,6 +51,9 @@ public:
     TaskCondition::TaskType Type() const { return m_condition.Type(); }
     // Messages refused because the queue was full.
     unsigned long DroppedMessages() const;
+    // Cuts the task's current (or next) WaitAndHandleEvent short; the engine
+    // calls it after cancel() so that a waiting task notices the stop at once.
+    void Wakeup();
 
 protected:
     EventWaiter& GetEventWaiter() { return m_event_waiter; }
@@ -65,6 +69,9 @@ private:
     int OnWakeup(int fd, unsigned int events, void* context);
     std::vector<std::shared_ptr<Message>> m_batch;
     std::atomic<unsigned long> m_dropped{0};
+    // Set by the first producer after the task last woke up: later producers
+    // skip the eventfd write, so a busy task costs no system call per message.
+    std::atomic<bool> m_wakeup_pending{false};
 };
 
 }  // namespace Framework

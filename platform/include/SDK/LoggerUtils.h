@@ -1,6 +1,7 @@
 #pragma once
 // Process-wide registry of the agent's Poco loggers.
 
+#include <atomic>
 #include <string>
 
 namespace Poco {
@@ -29,7 +30,9 @@ public:
     // null or its level is below `priority` (Poco numbering, 1 fatal .. 8 trace);
     // otherwise sends a Poco::Message (source = the logger's name, `text`,
     // `priority`, base name of `file`, `line`) to the logger's channel.
-    // A std::exception thrown while logging is swallowed.
+    // Poco::Message keeps the file name as a bare pointer (also in copies that
+    // asynchronous channels queue), so `file` must outlive the process's
+    // logging: pass __FILE__. A std::exception thrown while logging is swallowed.
     static void Log(Poco::Logger* logger, int priority, const std::string& text, const char* file,
                     int line) noexcept;
 
@@ -39,7 +42,7 @@ public:
 
 private:
     LoggerUtils() = default;
-    bool m_root_enabled = true;
+    std::atomic<bool> m_root_enabled{true};
 };
 
 }  // namespace SDK

@@ -1,0 +1,418 @@
+#include "FtraceAgent.h"
+
+#include <Poco/AutoPtr.h>
+#include <Poco/ConsoleChannel.h>
+#include <Poco/FileChannel.h>
+#include <Poco/FormattingChannel.h>
+#include <Poco/Logger.h>
+#include <Poco/Path.h>
+#include <Poco/PatternFormatter.h>
+#include <Poco/Util/HelpFormatter.h>
+#include <Poco/Util/Option.h>
+#include <Poco/Util/OptionException.h>
+#include <Poco/Util/OptionSet.h>
+#include <dirent.h>
+#include <dlfcn.h>
+#include <fcntl.h>
+#include <signal.h>
+#include <sys/stat.h>
+#include <unistd.h>
+
+#include <algorithm>
+#include <cerrno>
+#include <climits>
+#include <cstdio>
+#include <cstring>
+#include <iostream>
+#include <stdexcept>
+
+#include "AvailableEvents.h"
+#include "FtraceModule.h"
+#include "InstanceLossReader.h"
+#include "PrintingSubscriberModule.h"
+#include "SDK/InnerCpuCtrlUtils.h"
+#include "SDK/LoggerUtils.h"
+#include "StopTimer.h"
+#include "tracefs_shim.h"
+#include "ftrace.h"
+
+namespace Agent {
+namespace {
+
+constexpr const char* kLoggerName = "ftrace-agent";
+
+void Log(int priority, const std::string& text, int line) {
+    SDK::LoggerUtils::Log(SDK::LoggerUtils::GetInstance()->GetModuleLogger(kLoggerName, false), priority, text,
+                          __FILE__, line);
+}
+
+std::string Directory(const std::string& path) {
+    const auto slash = path.rfind('/');
+    return slash == std::string::npos ? std::string(".") : path.substr(0, slash);
+}
+
+std::string Absolute(const std::string& path) {
+    char resolved[PATH_MAX];
+    if (realpath(path.c_str(), resolved) != nullptr) return resolved;
+    return Poco::Path(path).absolute().toString();
+}
+
+bool IsFile(const std::string& path) {
+    struct stat st {};
+    return stat(path.c_str(), &st) == 0 && S_ISREG(st.st_mode);
+}
+
+// Shared objects of `dir` other than `skip`, in name order.
+std::vector<std::string> SharedObjects(const std::string& dir, const std::string& skip) {
+    std::vector<std::string> names;
+    DIR* d = opendir(dir.c_str());
+    if (d == nullptr) return names;
+    while (dirent* entry = readdir(d)) {
+        const std::string name = entry->d_name;
+        if (name.size() > 3 && name.compare(name.size() - 3, 3, ".so") == 0 && name != skip) names.push_back(name);
+    }
+    closedir(d);
+    std::sort(names.begin(), names.end());
+    return names;
+}
+
+}  // namespace
+
+FtraceAgent::FtraceAgent() = default;
+
+FtraceAgent::~FtraceAgent() {
+    // The filter must be gone before the engine's shutdown removes the instance.
+    m_pid_filter.reset();
+    Shutdown();
+}
+
+int FtraceAgent::Fail(const std::string& line) const {
+    std::cerr << line << std::endl;
+    return kExitUserError;
+}
+
+void FtraceAgent::defineOptions(Poco::Util::OptionSet& options) {
+    Framework::Engine::defineOptions(options);
+    using Poco::Util::Option;
+    options.addOption(Option("help", "h", "print this help and exit"));
+    options.addOption(Option("events", "e",
+                             "comma-separated trace events to print, as system:event "
+                             "(default: sched:sched_process_exec,sched:sched_process_fork,sched:sched_process_exit); "
+                             "repeatable")
+                          .argument("LIST")
+                          .repeatable(true));
+    options.addOption(Option("format", "f", "output: text (one message per line), json (one object per line) or "
+                                            "none (count only); default text")
+                          .argument("FORMAT"));
+    options.addOption(Option("duration", "d", "stop after SECONDS (fractions allowed)").argument("SECONDS"));
+    options.addOption(Option("count", "c", "stop after N messages").argument("N"));
+    options.addOption(Option("pid", "p", "trace only process PID (repeatable)").argument("PID").repeatable(true));
+    options.addOption(Option("cpu-limit", "", "keep the reading thread under PERCENT of one CPU (1-100)")
+                          .argument("PERCENT"));
+    options.addOption(Option("module-dir", "m",
+                             "directory holding libftrace_module.so and other modules to load "
+                             "(default: ../module next to the executable when installed, else ../lib)")
+                          .argument("DIR"));
+    options.addOption(Option("log-level", "",
+                             "none, fatal, critical, error, warning, notice, information, debug or trace "
+                             "(default information)")
+                          .argument("LEVEL"));
+    options.addOption(Option("log-file", "", "write log lines to FILE instead of standard error").argument("FILE"));
+    options.addOption(Option("daemon", "",
+                             "run in the background: fork, start a new session, change to /, and point standard "
+                             "input and terminal outputs at /dev/null"));
+}
+
+void FtraceAgent::handleOption(const std::string& name, const std::string& value) {
+    Framework::Engine::handleOption(name, value);
+    try {
+        if (name == "help") {
+            m_options.help = true;
+            stopOptionsProcessing();
+        } else if (name == "events") {
+            auto events = AgentOptions::ParseEventList(value);
+            if (!m_events_given) m_options.events.clear();
+            m_events_given = true;
+            for (auto& event : events) {
+                const bool known = std::any_of(m_options.events.begin(), m_options.events.end(),
+                                               [&](const EventName& e) { return e.FullName() == event.FullName(); });
+                if (!known) m_options.events.push_back(std::move(event));
+            }
+        } else if (name == "format") {
+            m_options.format = AgentOptions::ParseFormat(value);
+        } else if (name == "duration") {
+            m_options.duration_seconds = AgentOptions::ParseSeconds(value);
+        } else if (name == "count") {
+            m_options.count = static_cast<uint64_t>(AgentOptions::ParseInteger(name, value, 1, LLONG_MAX));
+        } else if (name == "pid") {
+            m_options.pids.push_back(static_cast<int>(AgentOptions::ParseInteger(name, value, 1, INT_MAX)));
+        } else if (name == "cpu-limit") {
+            m_options.cpu_limit_percent = static_cast<int>(AgentOptions::ParseInteger(name, value, 1, 100));
+        } else if (name == "module-dir") {
+            m_options.module_dir = value;
+        } else if (name == "log-level") {
+            try {
+                Poco::Logger::parseLevel(value);
+            } catch (const Poco::Exception&) {
+                throw std::invalid_argument("--log-level: '" + value + "' is not a log level");
+            }
+            m_options.log_level = value;
+        } else if (name == "log-file") {
+            m_options.log_file = value;
+        } else if (name == "daemon") {
+            m_options.daemon = true;
+        }
+    } catch (const std::invalid_argument& e) {
+        throw Poco::Util::InvalidArgumentException(e.what());
+    }
+}
+
+void FtraceAgent::PrintHelp() {
+    Poco::Util::HelpFormatter help(options());
+    help.setCommand("ftrace-agent");
+    help.setUsage("[OPTIONS]");
+    help.setHeader(
+        "Prints kernel trace events of this host, one line per event, until stopped with Ctrl-C or SIGTERM. "
+        "Needs root and tracefs; uses the tracing instance ZEV. Without options it traces process life "
+        "(exec, fork, exit).");
+    help.setFooter(
+        "Exit status: 0 after a clean stop, 2 when the run cannot start (not root, unknown event, module that "
+        "cannot be loaded, bad option). A summary of what was received goes to standard error on exit.");
+    help.setUnixStyle(true);
+    help.format(std::cout);
+}
+
+bool FtraceAgent::ConfigureLogging(std::string* error) {
+    const int level = Poco::Logger::parseLevel(m_options.log_level);
+    Poco::AutoPtr<Poco::Channel> sink;
+    if (m_options.log_file.empty()) {
+        sink = new Poco::ConsoleChannel(std::cerr);
+    } else {
+        m_options.log_file = Poco::Path(m_options.log_file).absolute().toString();
+        FILE* probe = std::fopen(m_options.log_file.c_str(), "a");
+        if (probe == nullptr) {
+            *error = "cannot open log file " + m_options.log_file + ": " + std::strerror(errno) +
+                     "; give --log-file a writable path";
+            return false;
+        }
+        std::fclose(probe);
+        sink = new Poco::FileChannel(m_options.log_file);
+    }
+    Poco::AutoPtr<Poco::PatternFormatter> pattern = new Poco::PatternFormatter("%Y-%m-%d %H:%M:%S.%i %p %s: %t");
+    pattern->setProperty("times", "local");
+    Poco::AutoPtr<Poco::Channel> channel = new Poco::FormattingChannel(pattern, sink);
+    // Every logger that exists already (the empty prefix names them all), then the root for new ones.
+    Poco::Logger::setChannel("", channel);
+    Poco::Logger::setLevel("", level);
+    auto* loggers = SDK::LoggerUtils::GetInstance();
+    for (const char* name : {"ftrace", kLoggerName}) {
+        Poco::Logger* logger = loggers->GetModuleLogger(name, true);
+        logger->setChannel(channel);
+        logger->setLevel(level);
+    }
+    return true;
+}
+
+std::string FtraceAgent::DefaultModuleDir() const {
+    char exe[PATH_MAX];
+    const ssize_t n = readlink("/proc/self/exe", exe, sizeof exe - 1);
+    if (n <= 0) return ".";
+    exe[n] = '\0';
+    const std::string prefix = Directory(Directory(exe));
+    // Installed: <prefix>/bin and <prefix>/module. Build tree: build/bin and build/lib.
+    for (const char* sub : {"/module", "/lib"}) {
+        if (IsFile(prefix + sub + "/" + kModuleFileName)) return prefix + sub;
+    }
+    return prefix + "/module";
+}
+
+int FtraceAgent::CheckEnvironment(std::string* tracing_dir) {
+    // The same lookup the module makes, so both agree on where ZEV lives.
+    const char* dir = ftrace_shim_tracing_dir();
+    if (dir == nullptr) return Fail(kNoTracingLine);
+    *tracing_dir = dir;
+
+    AvailableEvents available;
+    std::string reason;
+    if (!available.Load(*tracing_dir, &reason)) {
+        Log(Poco::Message::PRIO_DEBUG, reason, __LINE__);
+        return Fail(kNoTracingLine);
+    }
+    for (const auto& event : m_options.events) {
+        if (!available.Contains(event.FullName())) {
+            return Fail("unknown event " + event.FullName() + ": the kernel does not offer it; choose one listed in " +
+                        available.Path());
+        }
+    }
+    if (access((*tracing_dir + "/instances").c_str(), W_OK) != 0) return Fail(kNoTracingLine);
+    for (const int pid : m_options.pids) {
+        if (kill(pid, 0) != 0 && errno == ESRCH) {
+            return Fail("no process with pid " + std::to_string(pid) + ": give --pid the id of a running process");
+        }
+    }
+    return 0;
+}
+
+void FtraceAgent::WarnIfNotLinkedCopy(const std::string& module_path) const {
+    Dl_info info{};
+    struct stat linked {};
+    struct stat loaded {};
+    if (dladdr(reinterpret_cast<void*>(&CreateModule), &info) == 0 || info.dli_fname == nullptr) return;
+    if (stat(info.dli_fname, &linked) != 0 || stat(module_path.c_str(), &loaded) != 0) return;
+    if (linked.st_dev != loaded.st_dev || linked.st_ino != loaded.st_ino) {
+        // The dynamic linker binds the module's symbols to the copy mapped first.
+        Log(Poco::Message::PRIO_WARNING,
+            module_path + " is not the copy this agent was linked with (" + info.dli_fname + "); that one runs",
+            __LINE__);
+    }
+}
+
+int FtraceAgent::LoadModules(const std::string& module_dir) {
+    const std::string ftrace_path = module_dir + "/" + kModuleFileName;
+    std::string error;
+    if (!IsFile(ftrace_path)) {
+        return Fail("cannot load module " + ftrace_path + ": no such file; point --module-dir at the directory " +
+                    "holding " + kModuleFileName);
+    }
+    if (void* probe = dlopen(ftrace_path.c_str(), RTLD_LAZY | RTLD_LOCAL)) {
+        dlclose(probe);
+    } else {
+        const char* text = dlerror();
+        return Fail("cannot load module " + ftrace_path + ": " + (text ? text : "unknown error") +
+                    "; reinstall the agent or point --module-dir at a working copy");
+    }
+    WarnIfNotLinkedCopy(ftrace_path);
+    if (LoadModule(ftrace_path, &error) != 0) {
+        // It loaded above, so what failed is the module's Init: its tracing instance.
+        Log(Poco::Message::PRIO_DEBUG, ftrace_path + ": " + error, __LINE__);
+        return Fail(kNoTracingLine);
+    }
+    Log(Poco::Message::PRIO_INFORMATION, "loaded " + ftrace_path, __LINE__);
+
+    for (const auto& name : SharedObjects(module_dir, kModuleFileName)) {
+        const std::string path = module_dir + "/" + name;
+        void* probe = dlopen(path.c_str(), RTLD_LAZY | RTLD_LOCAL);
+        if (probe == nullptr) {
+            const char* text = dlerror();
+            return Fail("cannot load module " + path + ": " + (text ? text : "unknown error") +
+                        "; fix it or remove it from the module directory");
+        }
+        // Libraries without a factory (the platform's own, helpers) are not modules.
+        const bool is_module = dlsym(probe, "CreateModule") != nullptr;
+        int rc = 0;
+        if (is_module) rc = LoadModule(path, &error);
+        dlclose(probe);
+        if (!is_module) continue;
+        if (rc != 0) {
+            return Fail("cannot load module " + path + ": " + error + "; fix it or remove it from the module directory");
+        }
+        Log(Poco::Message::PRIO_INFORMATION, "loaded " + path, __LINE__);
+    }
+    return 0;
+}
+
+bool FtraceAgent::Daemonize(std::string* error) {
+    std::cout.flush();
+    std::cerr.flush();
+    const pid_t child = fork();
+    if (child < 0) {
+        *error = std::string("fork: ") + std::strerror(errno);
+        return false;
+    }
+    if (child > 0) {
+        std::fprintf(stderr, "ftrace-agent: running in the background as pid %d\n", static_cast<int>(child));
+        // The child owns the loaded modules and the tracing instance now: no destructors here.
+        _exit(0);
+    }
+    if (setsid() < 0) {
+        *error = std::string("setsid: ") + std::strerror(errno);
+        return false;
+    }
+    if (chdir("/") != 0) {
+        *error = std::string("chdir /: ") + std::strerror(errno);
+        return false;
+    }
+    const int null_fd = open("/dev/null", O_RDWR | O_CLOEXEC);
+    if (null_fd < 0) {
+        *error = std::string("/dev/null: ") + std::strerror(errno);
+        return false;
+    }
+    // Redirected outputs (a file, a pipe) keep receiving events and the summary.
+    dup2(null_fd, STDIN_FILENO);
+    if (isatty(STDOUT_FILENO)) dup2(null_fd, STDOUT_FILENO);
+    if (isatty(STDERR_FILENO)) dup2(null_fd, STDERR_FILENO);
+    close(null_fd);
+    return true;
+}
+
+int FtraceAgent::main(const std::vector<std::string>&) {
+    if (m_options.help) {
+        PrintHelp();
+        return EXIT_OK;
+    }
+    std::string error;
+    if (!ConfigureLogging(&error)) return Fail(error);
+    if (m_options.cpu_limit_percent > 0) SDK::InnerCpuCtrlUtils::Enable(m_options.cpu_limit_percent);
+
+    std::string tracing_dir;
+    if (const int rc = CheckEnvironment(&tracing_dir)) return rc;
+    const std::string module_dir = Absolute(m_options.module_dir.empty() ? DefaultModuleDir() : m_options.module_dir);
+    if (const int rc = LoadModules(module_dir)) return rc;
+    return Trace(tracing_dir);
+}
+
+int FtraceAgent::Trace(const std::string& tracing_dir) {
+    const std::string instance_dir = tracing_dir + "/instances/" + kInstanceName;
+    if (!m_options.pids.empty()) {
+        // Adopts the instance the module created; it stays the module's to remove.
+        m_pid_filter = std::make_unique<Ftrace>(kInstanceName);
+        if (!m_pid_filter->tracefs().IsValid()) return Fail(kNoTracingLine);
+        m_pid_filter->event_filter_clean_all();
+        for (const int pid : m_options.pids) m_pid_filter->event_filter_add_pid(pid);
+    }
+
+    std::vector<std::string> names;
+    for (const auto& event : m_options.events) names.push_back(event.FullName());
+    m_statistics.Expect(names);
+    if (AddModule(new PrintingSubscriberModule(*this, m_options, m_statistics, STDOUT_FILENO)) != 0) {
+        std::cerr << "ftrace-agent: the printing task could not be registered" << std::endl;
+        return EXIT_SOFTWARE;
+    }
+
+    std::string error;
+    if (m_options.daemon && !Daemonize(&error)) {
+        std::cerr << "ftrace-agent: cannot run in the background: " << error << std::endl;
+        return EXIT_OSERR;
+    }
+
+    m_statistics.Start();
+    if (StartTasks() != 0) {
+        std::cerr << "ftrace-agent: not every task could be started; see the log" << std::endl;
+        m_statistics.Stop();
+        Shutdown();
+        return EXIT_SOFTWARE;
+    }
+    Log(Poco::Message::PRIO_INFORMATION, "tracing " + std::to_string(names.size()) + " event(s); stop with Ctrl-C",
+        __LINE__);
+
+    StopTimer timer;
+    if (m_options.duration_seconds > 0) timer.Start(m_options.duration_seconds, [this] { RequestStop(); });
+    const int signal_number = WaitForStopRequest();
+    timer.Cancel();
+    m_statistics.Stop();
+    if (signal_number != 0) {
+        Log(Poco::Message::PRIO_INFORMATION, std::string("stopping on ") + strsignal(signal_number), __LINE__);
+    }
+
+    // The instance's stats and filter go away with the module: read and clear them first.
+    m_statistics.SetKernelLoss(InstanceLossReader::Read(instance_dir));
+    if (m_pid_filter) {
+        m_pid_filter->event_filter_clean_all();
+        m_pid_filter.reset();
+    }
+    Shutdown();
+    m_statistics.Print(std::cerr);
+    return EXIT_OK;
+}
+
+}  // namespace Agent

@@ -1,0 +1,61 @@
+#pragma once
+// ftrace-agent: a Framework::Engine that loads libftrace_module.so (and any
+// other module of its module directory), subscribes its own printing task to
+// the chosen trace events and prints every message until it is stopped.
+
+#include <memory>
+#include <string>
+#include <vector>
+
+#include "AgentOptions.h"
+#include "Framework/Engine.h"
+#include "ReceiveStatistics.h"
+
+class Ftrace;
+
+namespace Poco {
+namespace Util {
+class OptionSet;
+}
+}  // namespace Poco
+
+namespace Agent {
+
+class FtraceAgent : public Framework::Engine {
+public:
+    // Exit status for a run that could not start for a reason the user can fix.
+    static constexpr int kExitUserError = 2;
+    static constexpr const char* kModuleFileName = "libftrace_module.so";
+    static constexpr const char* kInstanceName = "ZEV";
+    static constexpr const char* kNoTracingLine =
+        "cannot create tracing instance ZEV: run as root on a kernel with tracefs";
+
+    FtraceAgent();
+    ~FtraceAgent() override;
+
+    const AgentOptions& Options() const { return m_options; }
+
+protected:
+    void defineOptions(Poco::Util::OptionSet& options) override;
+    void handleOption(const std::string& name, const std::string& value) override;
+    int main(const std::vector<std::string>& args) override;
+
+private:
+    int Fail(const std::string& line) const;
+    void PrintHelp();
+    bool ConfigureLogging(std::string* error);
+    std::string DefaultModuleDir() const;
+    // 0, or the exit status to return.
+    int CheckEnvironment(std::string* tracing_dir);
+    int LoadModules(const std::string& module_dir);
+    void WarnIfNotLinkedCopy(const std::string& module_path) const;
+    bool Daemonize(std::string* error);
+    int Trace(const std::string& tracing_dir);
+
+    AgentOptions m_options;
+    bool m_events_given = false;
+    ReceiveStatistics m_statistics;
+    std::unique_ptr<Ftrace> m_pid_filter;  // the module's instance, adopted for set_event_pid
+};
+
+}  // namespace Agent

@@ -1,0 +1,28 @@
+#pragma once
+// In-process module of the agent that owns the printing subscriber task.
+
+#include "AgentOptions.h"
+#include "Framework/Module.h"
+
+namespace Framework {
+class Engine;
+}
+
+namespace Agent {
+
+class ReceiveStatistics;
+
+class PrintingSubscriberModule : public Framework::Module {
+public:
+    PrintingSubscriberModule(Framework::Engine& engine, const AgentOptions& options, ReceiveStatistics& statistics,
+                             int output_fd);
+    int Init() override;
+
+private:
+    Framework::Engine& m_engine;
+    const AgentOptions& m_options;
+    ReceiveStatistics& m_statistics;
+    int m_output_fd;
+};
+
+}  // namespace Agent

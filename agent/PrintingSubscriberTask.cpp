@@ -1,0 +1,118 @@
+#include "PrintingSubscriberTask.h"
+
+#include <Poco/Logger.h>
+#include <unistd.h>
+
+#include <cerrno>
+#include <cstring>
+#include <memory>
+
+#include "Framework/Engine.h"
+#include "FtraceWatchMessage.h"
+#include "MessageFormatter.h"
+#include "ReceiveStatistics.h"
+#include "SDK/LoggerUtils.h"
+
+namespace Agent {
+namespace {
+
+constexpr const char* kFtraceTaskName = "ftrace_task";
+constexpr unsigned int kQueueSlots = 65536;  // absorbs bursts (fork storms) while output blocks
+constexpr int kBatch = 1024;
+constexpr int kWaitMs = 250;           // bounds how late a stop request is noticed
+constexpr size_t kFlushBytes = 1 << 16;
+
+void Log(int priority, const std::string& text, int line) {
+    SDK::LoggerUtils::Log(SDK::LoggerUtils::GetInstance()->GetModuleLogger("ftrace-agent", false), priority, text,
+                          __FILE__, line);
+}
+
+}  // namespace
+
+const char* const PrintingSubscriberTask::kTaskName = "ftrace_agent_printer";
+
+PrintingSubscriberTask::PrintingSubscriberTask(Framework::Engine& engine, const AgentOptions& options,
+                                               ReceiveStatistics& statistics, int output_fd)
+    : Framework::Task(kTaskName, "ftrace_agent_output", Framework::TaskCondition::TASK_TYPE_REPORTER, kQueueSlots),
+      m_engine(engine),
+      m_events(options.events),
+      m_format(options.format),
+      m_limit(options.count),
+      m_statistics(statistics),
+      m_output_fd(output_fd) {}
+
+void PrintingSubscriberTask::SendWatchRequests(bool remove) {
+    Framework::Task* ftrace_task = m_engine.FindTask(kFtraceTaskName);
+    if (ftrace_task == nullptr) {
+        Log(Poco::Message::PRIO_ERROR, std::string("no task \"") + kFtraceTaskName + "\" to subscribe to", __LINE__);
+        return;
+    }
+    for (const auto& event : m_events) {
+        std::shared_ptr<Framework::Message> request =
+            std::make_shared<Engine::FtraceWatchMessage>(this, event.system, event.event, remove);
+        if (ftrace_task->EnqueueMsg(request) == 0) {
+            Log(Poco::Message::PRIO_ERROR, "the ftrace task's queue is full; not watching " + event.FullName(),
+                __LINE__);
+        }
+    }
+}
+
+int PrintingSubscriberTask::Run() {
+    SendWatchRequests(false);
+    while (state() != Poco::Task::TASK_CANCELLING) {
+        if (MessageEmpty()) GetEventWaiter().WaitAndHandleEvent(kWaitMs, 16);
+        BulkConsumeMsg(kBatch);
+        Flush();
+    }
+    // What was already delivered is still printed.
+    while (!MessageEmpty() && BulkConsumeMsg(kBatch) > 0) {
+    }
+    Flush();
+    m_statistics.SetQueueDrops(DroppedMessages());
+    return 0;
+}
+
+int PrintingSubscriberTask::Receive(Engine::FtraceMessage* message) {
+    if (message == nullptr || m_limit_reached) return 0;
+    const uint64_t total = m_statistics.Count(message->name());
+    switch (m_format) {
+        case OutputFormat::Text:
+            MessageFormatter::AppendText(m_pending, *message);
+            break;
+        case OutputFormat::Json:
+            MessageFormatter::AppendJson(m_pending, *message);
+            break;
+        case OutputFormat::None:
+            break;
+    }
+    if (m_pending.size() >= kFlushBytes) Flush();
+    if (m_limit != 0 && total >= m_limit) {
+        m_limit_reached = true;
+        Flush();
+        m_engine.RequestStop();
+    }
+    return 0;
+}
+
+void PrintingSubscriberTask::Flush() {
+    if (m_pending.empty()) return;
+    size_t done = 0;
+    while (!m_output_broken && done < m_pending.size()) {
+        const ssize_t n = write(m_output_fd, m_pending.data() + done, m_pending.size() - done);
+        if (n > 0) {
+            done += static_cast<size_t>(n);
+        } else if (n < 0 && errno == EINTR) {
+            continue;
+        } else {
+            // The reader went away (EPIPE) or the disk is full: stop cleanly so
+            // that the events are switched off again.
+            m_output_broken = true;
+            Log(Poco::Message::PRIO_ERROR, std::string("cannot write the output: ") + std::strerror(errno),
+                __LINE__);
+            m_engine.RequestStop();
+        }
+    }
+    m_pending.clear();
+}
+
+}  // namespace Agent

@@ -1,0 +1,28 @@
+// ftrace-agent: prints kernel trace events through libftrace_module.so.
+
+#include <Poco/AutoPtr.h>
+#include <Poco/Exception.h>
+#include <signal.h>
+
+#include <exception>
+#include <iostream>
+
+#include "FtraceAgent.h"
+
+int main(int argc, char** argv) {
+    // A closed output pipe must end the run through the normal stop path (so
+    // that the events are switched off), not kill the process.
+    signal(SIGPIPE, SIG_IGN);
+
+    Poco::AutoPtr<Agent::FtraceAgent> agent = new Agent::FtraceAgent();
+    try {
+        agent->init(argc, argv);
+    } catch (const Poco::Exception& e) {
+        std::cerr << "ftrace-agent: " << e.displayText() << "; see ftrace-agent --help" << std::endl;
+        return Agent::FtraceAgent::kExitUserError;
+    } catch (const std::exception& e) {
+        std::cerr << "ftrace-agent: " << e.what() << "; see ftrace-agent --help" << std::endl;
+        return Agent::FtraceAgent::kExitUserError;
+    }
+    return agent->run();
+}

@@ -8,8 +8,10 @@
 #include <filesystem>
 #include <fstream>
 #include <memory>
+#include <chrono>
 #include <thread>
 
+#include "CPUTopology.h"
 #include "FtracePerCPUReader.h"
 #include "RingBufferPage.h"
 #include "SDK/InnerCpuCtrlUtils.h"
@@ -219,6 +221,42 @@ TEST_F(FtracePerCPUReaderTest, ThrottleAdjustsTheThreadBetweenRecords) {
         EXPECT_EQ(2, result);
         EXPECT_EQ(6, delivered);
         EXPECT_EQ(percent > 0, SDK::InnerCpuCtrlUtils::GetTotalThrottledMicros() > before) << percent;
+    }
+}
+
+}  // namespace
+
+namespace {
+
+// The kernel's own pages: an instance of our own with sched_switch on, drained on every online CPU.
+TEST(FtracePerCPUReaderKernelTest, ReadsTheKernelsPages) {
+    if (::access("/sys/kernel/tracing/instances", W_OK) != 0) GTEST_SKIP() << "no writable tracefs";
+    const std::string name = "reader_test_" + std::to_string(::getpid());
+    Ftrace ftrace(name);
+    ASSERT_TRUE(ftrace.tracefs().IsCreated());
+    const FtraceEvent sched_switch = ftrace.get_event("sched", "sched_switch");
+    ASSERT_TRUE(sched_switch);
+    const std::string enable = ftrace.tracing_file("events/sched/sched_switch/enable");
+    std::ofstream(enable) << "1";
+    std::vector<FtracePerCPUReader*> made;
+    const std::vector<int> cpus = Engine::CPUTopology::GetOnlineCPUs();
+    FtracePerCPUReader::create_readers(ftrace, cpus.begin(), cpus.end(), std::back_inserter(made));
+    const std::vector<std::unique_ptr<FtracePerCPUReader>> readers(made.begin(), made.end());
+    for (int i = 0; i < 20; ++i) std::this_thread::sleep_for(std::chrono::milliseconds(5));  // switches
+
+    std::vector<Seen> seen;
+    for (const auto& reader : readers) {
+        ASSERT_TRUE(reader->valid());
+        const size_t before = seen.size();
+        while (reader->read_once(ftrace, Collect, &seen) == 2) {}
+        for (size_t i = before; i < seen.size(); ++i) EXPECT_EQ(reader->cpu(), seen[i].cpu);
+    }
+    std::ofstream(enable) << "0";
+    ASSERT_FALSE(seen.empty());
+    for (const Seen& s : seen) {
+        EXPECT_EQ("sched:sched_switch", s.name);
+        EXPECT_GT(s.raw.ts, 0u);
+        EXPECT_GE(s.raw.size, 64);  // the format's fields end at byte 64
     }
 }
 

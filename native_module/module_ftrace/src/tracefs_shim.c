@@ -65,7 +65,14 @@ bool ftrace_shim_instance_exists(const char* name) { return tracefs_instance_exi
 
 #ifdef FTRACE_SHIM_ASAN
 /* TraceFS::file() keeps every path buffer libtracefs hands out (it is never
- * given back), so LeakSanitizer would otherwise fail every program that asks
- * for a control file's path. */
-const char* __lsan_default_suppressions(void) { return "leak:ftrace_shim_instance_get_file\n"; }
+ * given back), and libtracefs 1.6's tracefs_instance_create loses its path
+ * when mkdir fails; LeakSanitizer would otherwise fail every program that
+ * asks for a control file's path or meets a failed instance. libtracefs
+ * builds those paths with asprintf, and as libc keeps no frame pointers the
+ * fast unwinder often stops inside it, hence the third entry. */
+const char* __lsan_default_suppressions(void) {
+    return "leak:ftrace_shim_instance_get_file\n"
+           "leak:tracefs_instance_create\n"
+           "leak:__vasprintf_internal\n";
+}
 #endif

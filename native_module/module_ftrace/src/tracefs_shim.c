@@ -23,7 +23,14 @@ int ftrace_shim_instance_create(const char* name, struct tracefs_instance** inst
     /* The name is passed in rather than read from *instance: for a
      * directory that does not exist yet there is no handle to read it from,
      * and a null name would quietly adopt the top instance. */
+#ifdef FTRACE_SHIM_ASAN
+    /* libtracefs 1.6 loses its path buffer when mkdir fails. */
+    __lsan_disable();
+#endif
     struct tracefs_instance* made = tracefs_instance_create(name);
+#ifdef FTRACE_SHIM_ASAN
+    __lsan_enable();
+#endif
     if (made == NULL) return -1;
     int result = tracefs_instance_is_new(made) ? 0 : 1;
     if (instance) {
@@ -62,17 +69,3 @@ int ftrace_shim_set_tracing_dir(const char* dir) {
 }
 
 bool ftrace_shim_instance_exists(const char* name) { return tracefs_instance_exists(name); }
-
-#ifdef FTRACE_SHIM_ASAN
-/* TraceFS::file() keeps every path buffer libtracefs hands out (it is never
- * given back), and libtracefs 1.6's tracefs_instance_create loses its path
- * when mkdir fails; LeakSanitizer would otherwise fail every program that
- * asks for a control file's path or meets a failed instance. libtracefs
- * builds those paths with asprintf, and as libc keeps no frame pointers the
- * fast unwinder often stops inside it, hence the third entry. */
-const char* __lsan_default_suppressions(void) {
-    return "leak:ftrace_shim_instance_get_file\n"
-           "leak:tracefs_instance_create\n"
-           "leak:__vasprintf_internal\n";
-}
-#endif

@@ -309,14 +309,14 @@ void Engine::WaitForTaskEnd(RunningTask& running) {
     using namespace std::chrono_literals;
     std::unique_lock<std::mutex> lock(running.end_mutex);
     int rounds = 0;
-    while (!running.end_cv.wait_for(lock, 100ms, [&] { return running.ended; })) {
+    while (!running.end_cv.wait_for(lock, 20ms, [&] { return running.ended; })) {
         // Poco::Task::run() sets TASK_RUNNING before runTask(): a cancel that
         // landed before the thread got there was overwritten. Cancel again.
         running.task->cancel();
         running.task->Wakeup();
-        if (++rounds % 50 == 0) {
+        if (++rounds % 250 == 0) {
             LogRoot(Poco::Message::PRIO_WARNING,
-                    Poco::format("task %s has not stopped after %d s", running.name, rounds / 10), __LINE__);
+                    Poco::format("task %s has not stopped after %d s", running.name, rounds / 50), __LINE__);
         }
     }
     lock.unlock();

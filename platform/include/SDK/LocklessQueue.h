@@ -11,7 +11,21 @@
 #include <cstdint>
 #include <vector>
 
-#if defined(__x86_64__) || defined(__i386__)
+#if defined(__SANITIZE_THREAD__)
+#define SDK_LOCKLESS_QUEUE_UNDER_TSAN 1
+#elif defined(__has_feature)
+#if __has_feature(thread_sanitizer)
+#define SDK_LOCKLESS_QUEUE_UNDER_TSAN 1
+#endif
+#endif
+
+#if defined(SDK_LOCKLESS_QUEUE_UNDER_TSAN)
+// ThreadSanitizer serialises atomic accesses to one address behind its own
+// lock; threads spinning on a tail can then starve the one thread that would
+// publish it. Instrumented builds give the CPU away instead of pausing.
+#include <sched.h>
+#define SDK_LOCKLESS_QUEUE_PAUSE() sched_yield()
+#elif defined(__x86_64__) || defined(__i386__)
 #include <immintrin.h>
 #define SDK_LOCKLESS_QUEUE_PAUSE() _mm_pause()
 #elif defined(__aarch64__)

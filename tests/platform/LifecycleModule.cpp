@@ -1,0 +1,86 @@
+// Module for the engine tests. Its task answers every message with a "hello"
+// to "probe_task", and every lifecycle step is written to the engine's journal
+// from the module's own code, so the test sees what was really called.
+#include <Poco/Util/Application.h>
+
+#include <memory>
+#include <string>
+
+#include "Framework/Engine.h"
+#include "Framework/Module.h"
+#include "Framework/Task.h"
+
+namespace {
+
+const std::string kName = LIFECYCLE_NAME;
+
+Framework::Engine& TheEngine() { return dynamic_cast<Framework::Engine&>(Poco::Util::Application::instance()); }
+
+class HelloMessage : public Framework::Message {
+public:
+    int MessageHandle(void* context) override {
+        TheEngine().Note(static_cast<Framework::Task*>(context)->name() + " handled hello");
+        return 0;
+    }
+};
+
+class LifecycleTask : public Framework::Task {
+public:
+    LifecycleTask() : Task(kName + "_task", "test_feature", Framework::TaskCondition::TASK_TYPE_NORMAL, 64) {}
+    ~LifecycleTask() override { TheEngine().Note(name() + ": destroyed"); }
+
+    int Init() override {
+        TheEngine().Note(name() + ": Init");
+        return Task::Init();
+    }
+    int UnInit() override {
+        TheEngine().Note(name() + (m_run_returned ? ": UnInit after Run" : ": UnInit while Run is active"));
+        return Task::UnInit();
+    }
+    int Run() override {
+        while (state() != TASK_CANCELLING) {
+            if (MessageEmpty()) {
+                GetEventWaiter().WaitAndHandleEvent(1000, 128);
+            } else {
+                BulkConsumeMsg(1024);
+            }
+        }
+        m_run_returned = true;
+        return 0;
+    }
+    int HandleMsg(const Framework::Message*) override {
+        if (Framework::Task* probe = TheEngine().FindTask("probe_task")) {
+            std::shared_ptr<Framework::Message> hello = std::make_shared<HelloMessage>();
+            probe->EnqueueMsg(hello);
+        }
+        return 0;
+    }
+
+private:
+    bool m_run_returned = false;  // written by the task thread, read after it was joined
+};
+
+class LifecycleModule : public Framework::Module {
+public:
+    LifecycleModule() : Module(kName + "_module") {}
+    ~LifecycleModule() override { TheEngine().Note(std::string(name()) + ": destroyed"); }
+
+    int Init() override {
+        Module::Init();
+        TheEngine().Note(std::string(name()) + ": Init");
+        RegisterTask(new LifecycleTask(), false);
+#ifdef LIFECYCLE_INIT_FAILS
+        return -1;
+#else
+        return 0;
+#endif
+    }
+    int UnInit() override {
+        TheEngine().Note(std::string(name()) + ": UnInit");
+        return Module::UnInit();
+    }
+};
+
+}  // namespace
+
+extern "C" __attribute__((visibility("default"))) Framework::Module* CreateModule() { return new LifecycleModule(); }

@@ -52,7 +52,7 @@ private:
 inline Poco::AutoPtr<CapturingChannel> CaptureFtraceLog(int max_priority) {
     Poco::AutoPtr<CapturingChannel> channel(new CapturingChannel(max_priority));
     Poco::Logger* logger = SDK::LoggerUtils::GetInstance()->GetModuleLogger("ftrace", true);
-    logger->setChannel(channel.get());
+    logger->setChannel(channel);
     logger->setLevel(Poco::Message::PRIO_TRACE);
     return channel;
 }

@@ -53,8 +53,9 @@ class FtraceModuleTest : public ::testing::Test {
 protected:
     void SetUp() override {
         m_existed = tasktest::Exists(tasktest::kInstanceDir);
-        m_log = tasktest::CaptureFtraceLog(Poco::Message::PRIO_INFORMATION);
+        // Poco's application points every existing logger at the console: capture afterwards.
         m_engine = std::make_unique<Framework::Engine>();
+        m_log = tasktest::CaptureFtraceLog(Poco::Message::PRIO_INFORMATION);
         std::string error;
         ASSERT_EQ(m_engine->LoadModule(kLibrary, &error), 0) << error;
         ASSERT_EQ(m_engine->AddModule(new SubscriberModule()), 0);
@@ -142,11 +143,11 @@ TEST(FtraceModuleEntryTest, DeclinesWhenTheInstanceCannotBeCreated) {
     ASSERT_GE(pid, 0);
     if (pid == 0) {
         close(report_pipe[0]);
+        Framework::Engine engine;
         Poco::AutoPtr<tasktest::CapturingChannel> root(new tasktest::CapturingChannel(Poco::Message::PRIO_TRACE));
-        Poco::Logger::root().setChannel(root.get());
+        Poco::Logger::root().setChannel(root);
         std::string report = "setuid failed";
         if (setuid(65534) == 0) {
-            Framework::Engine engine;
             const int result = engine.LoadModule(kLibrary);
             report = std::to_string(result) + " tasks=" + std::to_string(engine.TaskNames().size());
             for (const std::string& line : root->lines())

@@ -105,6 +105,7 @@ TEST_F(FtraceViewsTest, RecordReadsHostOrderNumbersAndPrintsItself) {
     std::memcpy(data.data(), head, sizeof head);
     tep_record record{};
     record.data = data.data();
+    record.size = static_cast<int>(data.size());
     record.ts = 123456789;
     record.cpu = 3;
     const FtraceRecord raw(sw, &record);

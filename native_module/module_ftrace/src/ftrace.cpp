@@ -101,6 +101,10 @@ uint64_t read_host(const unsigned char* at) {
 }  // namespace
 
 uint64_t FtraceRecord::get_number(int offset, int size) const {
+    // A corrupt record (or a format that does not match it) must not make us
+    // read past the record, which may be the end of the page buffer.
+    if (offset < 0 || size <= 0) return 0;
+    if (static_cast<uint64_t>(offset) + static_cast<uint64_t>(size) > static_cast<uint32_t>(m_record->size)) return 0;
     const unsigned char* at = static_cast<const unsigned char*>(m_record->data) + offset;
     switch (size) {
         case 1: return read_host<uint8_t>(at);
@@ -124,7 +128,7 @@ std::string FtraceRecord::get_string(const FtraceField& field) const {
         start = location & 0xffff;
         length = location >> 16;
     }
-    if (length == 0) return std::string();
+    if (length == 0 || start + length > static_cast<uint32_t>(m_record->size)) return std::string();
     // Taken as stored: trailing NULs of fixed arrays and of the kernel's string
     // terminator stay part of the value.
     return std::string(static_cast<const char*>(m_record->data) + start, length);

@@ -91,12 +91,14 @@ class FtraceRecord {
 public:
     FtraceRecord(const FtraceEvent& event, tep_record* record) : m_event(event), m_record(record) {}
 
-    // Unsigned host-order integer of 1, 2, 4 or 8 bytes at data + offset; other sizes read 0.
+    // Unsigned host-order integer of 1, 2, 4 or 8 bytes at data + offset; other
+    // sizes, and bytes not all inside the record's size, read 0.
     uint64_t get_number(int offset, int size) const;
     uint64_t get(const FtraceField& field) const;
     uint64_t get(const std::string& name) const;
     // Array fields only (else ""): the field's bytes as they are, trailing NULs included;
     // a __data_loc field reads its location word (offset low 16 bits, length high 16 bits).
+    // A value that does not lie inside the record's size reads as "".
     std::string get_string(const FtraceField& field) const;
     std::string get_string(const std::string& name) const;
     std::string event_name() const;

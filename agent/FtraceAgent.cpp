@@ -23,6 +23,7 @@
 #include <climits>
 #include <cstdio>
 #include <cstring>
+#include <fstream>
 #include <iostream>
 #include <stdexcept>
 
@@ -81,8 +82,8 @@ std::vector<std::string> SharedObjects(const std::string& dir, const std::string
 FtraceAgent::FtraceAgent() = default;
 
 FtraceAgent::~FtraceAgent() {
-    // The filter must be gone before the engine's shutdown removes the instance.
-    m_pid_filter.reset();
+    // Adopted, so never removed here; released before the module removes it.
+    m_instance.reset();
     Shutdown();
 }
 
@@ -356,6 +357,12 @@ int FtraceAgent::main(const std::vector<std::string>&) {
 
     std::string tracing_dir;
     if (const int rc = CheckEnvironment(&tracing_dir)) return rc;
+    if (access((tracing_dir + "/instances/" + kInstanceName).c_str(), F_OK) == 0) {
+        Log(Poco::Message::PRIO_WARNING,
+            "instance ZEV exists already (another agent, or a run that was killed): it is used and left in place; "
+            "if no agent runs, remove it with rmdir " + tracing_dir + "/instances/" + kInstanceName,
+            __LINE__);
+    }
     const std::string module_dir = Absolute(m_options.module_dir.empty() ? DefaultModuleDir() : m_options.module_dir);
     if (const int rc = LoadModules(module_dir)) return rc;
     return Trace(tracing_dir);
@@ -363,13 +370,18 @@ int FtraceAgent::main(const std::vector<std::string>&) {
 
 int FtraceAgent::Trace(const std::string& tracing_dir) {
     const std::string instance_dir = tracing_dir + "/instances/" + kInstanceName;
-    if (!m_options.pids.empty()) {
-        // Adopts the instance the module created; it stays the module's to remove.
-        m_pid_filter = std::make_unique<Ftrace>(kInstanceName);
-        if (!m_pid_filter->tracefs().IsValid()) return Fail(kNoTracingLine);
-        m_pid_filter->event_filter_clean_all();
-        for (const int pid : m_options.pids) m_pid_filter->event_filter_add_pid(pid);
+    // Adopts the instance the module created; it stays the module's to remove.
+    m_instance = std::make_unique<Ftrace>(kInstanceName);
+    if (!m_instance->tracefs().IsValid()) return Fail(kNoTracingLine);
+    // The run's pid filter is exactly --pid; an adopted instance may still hold
+    // the filter of a run that was killed, which would hide every event.
+    std::ifstream stale_filter(m_instance->tracing_file("set_event_pid"));
+    std::string stale_pid;
+    if (m_options.pids.empty() && std::getline(stale_filter, stale_pid) && !stale_pid.empty()) {
+        Log(Poco::Message::PRIO_WARNING, "clearing the pid filter (set_event_pid) left in instance ZEV", __LINE__);
     }
+    m_instance->event_filter_clean_all();
+    for (const int pid : m_options.pids) m_instance->event_filter_add_pid(pid);
 
     std::vector<std::string> names;
     for (const auto& event : m_options.events) names.push_back(event.FullName());
@@ -406,10 +418,8 @@ int FtraceAgent::Trace(const std::string& tracing_dir) {
 
     // The instance's stats and filter go away with the module: read and clear them first.
     m_statistics.SetKernelLoss(InstanceLossReader::Read(instance_dir));
-    if (m_pid_filter) {
-        m_pid_filter->event_filter_clean_all();
-        m_pid_filter.reset();
-    }
+    m_instance->event_filter_clean_all();
+    m_instance.reset();
     Shutdown();
     m_statistics.Print(std::cerr);
     return EXIT_OK;

@@ -55,7 +55,7 @@ private:
     AgentOptions m_options;
     bool m_events_given = false;
     ReceiveStatistics m_statistics;
-    std::unique_ptr<Ftrace> m_pid_filter;  // the module's instance, adopted for set_event_pid
+    std::unique_ptr<Ftrace> m_instance;  // the module's instance, adopted for set_event_pid
 };
 
 }  // namespace Agent

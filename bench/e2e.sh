@@ -1,0 +1,112 @@
+#!/bin/bash
+# End to end: ftrace-agent subscribed to sched:sched_switch (no output) while
+# `perf bench sched pipe` runs, then `perf record` of the same event on the same
+# workload as the peer. Prints records delivered, records the kernel lost and
+# CPU time of each tracer. Needs root and tracefs; no other user of the
+# instance ZEV may run meanwhile.
+#
+#   bench/e2e.sh [build dir, default build-perf]     LOOPS=200000 by default
+set -euo pipefail
+
+HERE=$(cd "$(dirname "$0")" && pwd)
+BUILD=${1:-$HERE/../build-perf}
+BUILD=$(cd "$BUILD" && pwd)
+LOOPS=${LOOPS:-200000}
+AGENT=$BUILD/bin/ftrace-agent
+ZEV=/sys/kernel/tracing/instances/ZEV
+WORK=$(mktemp -d /tmp/ftrace_e2e_XXXXXX)
+agent_pid=
+perf_pid=
+
+cleanup() {
+    [ -n "$agent_pid" ] && kill -INT "$agent_pid" 2>/dev/null && wait "$agent_pid" 2>/dev/null
+    [ -n "$perf_pid" ] && kill -INT "$perf_pid" 2>/dev/null && wait "$perf_pid" 2>/dev/null
+    rm -rf "$WORK"
+}
+trap cleanup EXIT
+
+[ -x "$AGENT" ] || { echo "no $AGENT: build it first" >&2; exit 1; }
+command -v perf > /dev/null || { echo "perf is not installed" >&2; exit 1; }
+
+# CPU nanoseconds of every thread of a process so far (user + system).
+cpu_ns() {
+    local total=0 t
+    for t in /proc/"$1"/task/*/schedstat; do
+        total=$((total + $(cut -d' ' -f1 "$t")))
+    done
+    echo "$total"
+}
+
+# Sum of one per_cpu/cpuN/stats counter of ZEV over all CPUs.
+zev_stat() {
+    local total=0 f v
+    for f in "$ZEV"/per_cpu/cpu*/stats; do
+        v=$(sed -n "s/^$1: *//p" "$f")
+        total=$((total + ${v:-0}))
+    done
+    echo "$total"
+}
+
+wait_for() {  # condition, seconds
+    local deadline=$((SECONDS + $2))
+    until eval "$1"; do
+        [ "$SECONDS" -lt "$deadline" ] || return 1
+        sleep 0.05
+    done
+}
+
+# The agent loads every shared object of its module directory: give it one
+# holding the module only.
+mkdir "$WORK/modules"
+ln -s "$BUILD/lib/libftrace_module.so" "$WORK/modules/"
+
+echo "== ftrace-agent --events=sched:sched_switch --format=none, perf bench sched pipe -l $LOOPS"
+"$AGENT" --module-dir="$WORK/modules" --events=sched:sched_switch --format=none --log-level=warning \
+    > "$WORK/agent.out" 2> "$WORK/agent.err" &
+agent_pid=$!
+wait_for '[ "$(cat $ZEV/events/sched/sched_switch/enable 2>/dev/null)" = 1 ]' 10 ||
+    { echo "the agent did not enable sched_switch" >&2; cat "$WORK/agent.err" >&2; exit 1; }
+# ZEV may have existed before (it is adopted then): count the difference.
+overrun0=$(zev_stat overrun); dropped0=$(zev_stat "dropped events")
+cpu0=$(cpu_ns "$agent_pid")
+perf bench sched pipe -l "$LOOPS" > "$WORK/pipe.out"
+sleep 1.5  # the agent's bounded wait: whatever is still buffered is read by now
+cpu1=$(cpu_ns "$agent_pid")
+overrun=$(( $(zev_stat overrun) - overrun0 )); dropped=$(( $(zev_stat "dropped events") - dropped0 ))
+utime_stime=$(awk '{print $14 + $15}' /proc/"$agent_pid"/stat)
+kill -INT "$agent_pid"
+wait "$agent_pid" || true
+agent_pid=
+delivered=$(sed -n 's/^ftrace-agent summary: \([0-9]*\) messages.*/\1/p' "$WORK/agent.err")
+sed -n '/^ftrace-agent summary/,$p' "$WORK/agent.err" | sed 's/^/  /'
+agent_cpu_ns=$((cpu1 - cpu0))
+echo "  pipe benchmark: $(grep -E 'usecs/op' "$WORK/pipe.out" | sed 's/^ *//')"
+echo "  records delivered:         ${delivered:-?}"
+echo "  kernel lost (ZEV):         overrun $overrun, dropped $dropped"
+echo "  agent CPU during the run:  $(awk -v n="$agent_cpu_ns" 'BEGIN{printf "%.3f s", n/1e9}') (whole life: $(awk -v t="$utime_stime" -v hz="$(getconf CLK_TCK)" 'BEGIN{printf "%.2f s", t/hz}') user+sys)"
+if [ -n "${delivered:-}" ] && [ "$delivered" -gt 0 ]; then
+    echo "  agent CPU per record:      $(awk -v n="$agent_cpu_ns" -v r="$delivered" 'BEGIN{printf "%.0f ns", n/r}')"
+fi
+
+echo "== peer: perf record -e sched:sched_switch -a, same workload"
+perf record -q -e sched:sched_switch -a -N -B -o "$WORK/perf.data" > "$WORK/perf.out" 2>&1 &
+perf_pid=$!
+sleep 1  # perf sets up its buffers
+pcpu0=$(cpu_ns "$perf_pid")
+perf bench sched pipe -l "$LOOPS" > "$WORK/pipe2.out"
+sleep 1.5
+pcpu1=$(cpu_ns "$perf_pid")
+kill -INT "$perf_pid"
+wait "$perf_pid" || true
+perf_pid=
+perf_records=$(perf script -i "$WORK/perf.data" -F event 2>/dev/null | wc -l)
+perf_lost=$(perf report -i "$WORK/perf.data" --stats 2>/dev/null | awk '/LOST events/ {n += $NF} END {print n + 0}')
+perf_lost_samples=$(perf report -i "$WORK/perf.data" --stats 2>/dev/null | awk '/LOST_SAMPLES events/ {n += $NF} END {print n + 0}')
+perf_cpu_ns=$((pcpu1 - pcpu0))
+echo "  pipe benchmark: $(grep -E 'usecs/op' "$WORK/pipe2.out" | sed 's/^ *//')"
+echo "  records written:           $perf_records"
+echo "  lost:                      LOST events $perf_lost, LOST_SAMPLES $perf_lost_samples"
+echo "  perf CPU during the run:   $(awk -v n="$perf_cpu_ns" 'BEGIN{printf "%.3f s", n/1e9}')"
+if [ "$perf_records" -gt 0 ]; then
+    echo "  perf CPU per record:       $(awk -v n="$perf_cpu_ns" -v r="$perf_records" 'BEGIN{printf "%.0f ns", n/r}')"
+fi

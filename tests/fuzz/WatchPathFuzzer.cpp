@@ -1,0 +1,303 @@
+// libFuzzer target for the watch path. Each input is a sequence of subscribe
+// and unsubscribe requests (FtraceWatchMessage) for known, unknown and
+// malformed system and event names, handled by a fresh FtraceTask whose
+// instance "ZEV" is made inside a private tracing directory. After every
+// request the result, the registry and set_event must match a small model of
+// the registry and of the kernel's control files; at the end clear() must
+// have written "0" to exactly the enable files the model says, and the
+// instance the task made must be gone with the task.
+//
+// Names are not validated by the module: "/" and ".." in them reach other
+// files of the tracing directory. The model follows the file system the same
+// way; requests whose path would climb out of the private directory are
+// skipped so that the run stays hermetic.
+
+#include <Poco/AutoPtr.h>
+#include <Poco/Logger.h>
+#include <Poco/Message.h>
+#include <Poco/NullChannel.h>
+
+#include <cstdint>
+#include <cstdio>
+#include <cstdlib>
+#include <filesystem>
+#include <fstream>
+#include <iostream>
+#include <map>
+#include <memory>
+#include <optional>
+#include <set>
+#include <sstream>
+#include <string>
+#include <utility>
+
+#include "FtraceTask.h"
+#include "FtraceWatchMessage.h"
+#include "FuzzTracingDir.h"
+#include "SDK/LoggerUtils.h"
+
+namespace fs = std::filesystem;
+
+namespace {
+
+using Key = std::pair<std::string, std::string>;
+using Registry = std::map<Key, std::set<std::string>>;
+
+class NamedTask : public Framework::Task {
+public:
+    explicit NamedTask(const std::string& name)
+        : Framework::Task(name, "fuzz_feature", Framework::TaskCondition::TASK_TYPE_NORMAL, 16) {}
+    int Run() override { return 0; }
+};
+
+// Pieces names are made of: fixture names, near misses, path syntax, the
+// set_event syntax and control characters.
+const char* const kTokens[] = {
+    "sched", "sched_switch", "sched_process_exec", "sched_process_exit", "sched_process_fork", "sched_wakeup",
+    "irq", "irq_handler_entry", "syscalls", "sys_enter_openat", "raw_syscalls", "sys_enter", "task",
+    "task_rename", "signal", "signal_generate", "timer", "hrtimer_start", "nope", "SCHED", "/", "..", ".",
+    ":", " ", "\n", "!", "*", "format", "enable", "events", "instances", "ZEV",
+};
+constexpr size_t kTokenCount = sizeof kTokens / sizeof kTokens[0];
+constexpr size_t kMaxRequests = 48;
+
+class Input {
+public:
+    Input(const uint8_t* data, size_t size) : m_data(data), m_size(size) {}
+    bool Done() const { return m_at >= m_size; }
+    uint8_t Byte() { return m_at < m_size ? m_data[m_at++] : 0; }
+    std::string Chunk(size_t length) {
+        std::string text;
+        while (text.size() < length && !Done()) text += static_cast<char>(Byte());
+        return text;
+    }
+
+private:
+    const uint8_t* m_data;
+    size_t m_size;
+    size_t m_at = 0;
+};
+
+// What open() and libtraceevent see of a std::string.
+std::string CString(const std::string& text) { return text.substr(0, text.find('\0')); }
+
+// False when walking `relative` from `depth` directories below the private
+// root would climb above it at some point.
+bool StaysInside(const std::string& relative, int depth) {
+    std::istringstream parts(relative);
+    for (std::string part; std::getline(parts, part, '/');) {
+        if (part == "..") {
+            if (--depth < 0) return false;
+        } else if (!part.empty() && part != ".") {
+            ++depth;
+        }
+    }
+    return true;
+}
+
+std::string ReadAll(const std::string& path) {
+    std::ifstream in(path, std::ios::binary);
+    std::ostringstream text;
+    text << in.rdbuf();
+    return text.str();
+}
+
+// The "name:" line of a format file.
+std::string FormatName(const std::string& path) {
+    std::istringstream lines(ReadAll(path));
+    for (std::string line; std::getline(lines, line);)
+        if (line.rfind("name: ", 0) == 0) return line.substr(6);
+    return std::string();
+}
+
+[[noreturn]] void Mismatch(const std::string& what) {
+    std::fprintf(stderr, "watch path differs from the model: %s\n", what.c_str());
+    std::abort();
+}
+
+std::string Show(const Registry& registry) {
+    std::string text;
+    for (const auto& [key, names] : registry) {
+        text += "(" + key.first + "|" + key.second + "):";
+        for (const auto& name : names) text += " " + name;
+        text += "\n";
+    }
+    return text;
+}
+
+// The registry of the task and the files the kernel would see, predicted.
+class Model {
+public:
+    explicit Model(std::string instance_dir) : m_dir(std::move(instance_dir)) {}
+
+    int Handle(const Framework::Task* watcher, const std::string& system, const std::string& event, bool remove) {
+        if (watcher == nullptr || system.empty() || event.empty()) return 1;
+        const Key key(system, event);
+        if (!remove) {
+            if (!m_registry[key].insert(watcher->name()).second) return 1;
+            const auto found = Find(system, event);
+            if (!found) return 1;  // the name stays recorded
+            m_set_event += found->first + ":" + found->second + "\n";
+            return 0;
+        }
+        const auto it = m_registry.find(key);
+        if (it == m_registry.end() || it->second.erase(watcher->name()) == 0 || !it->second.empty()) return 0;
+        const auto found = Find(system, event);
+        if (!found) return 1;
+        Disable(*found);
+        return 0;
+    }
+
+    void Clear() {
+        for (const auto& entry : m_registry) {
+            if (const auto found = Find(entry.first.first, entry.first.second)) Disable(*found);
+        }
+        m_registry.clear();
+    }
+
+    const Registry& registry() const { return m_registry; }
+    const std::string& set_event() const { return m_set_event; }
+    bool Disabled(const std::string& enable_path) const { return m_disabled.count(enable_path) != 0; }
+
+private:
+    // As Ftrace::get_event: an event parsed earlier under the same system and
+    // name, else the format file the names lead to, parsed under the given
+    // system and the name the file states.
+    std::optional<Key> Find(const std::string& system, const std::string& event) {
+        const Key asked(CString(system), CString(event));
+        if (m_loaded.count(asked)) return asked;
+        const std::string path = CString(m_dir + "/events/" + system + "/" + event + "/format");
+        std::error_code error;
+        if (!fs::is_regular_file(path, error)) return std::nullopt;
+        const std::string name = FormatName(path);
+        if (name.empty()) return std::nullopt;
+        const Key loaded(asked.first, name);
+        m_loaded.insert(loaded);
+        return loaded;
+    }
+
+    // As Ftrace::remove: "0" into the enable file next to the event's format,
+    // if there is one.
+    void Disable(const Key& event) {
+        const std::string path = m_dir + "/events/" + event.first + "/" + event.second + "/enable";
+        std::error_code error;
+        if (fs::is_regular_file(path, error)) m_disabled.insert(fs::canonical(path).string());
+    }
+
+    std::string m_dir;
+    Registry m_registry;
+    std::string m_set_event;
+    std::set<Key> m_loaded;
+    std::set<std::string> m_disabled;
+};
+
+struct Fixture {
+    Fixture() {
+        // Every log line is formatted (and so checked by the sanitizers), then dropped.
+        Poco::Logger* logger = SDK::LoggerUtils::GetInstance()->GetModuleLogger("ftrace", true);
+        logger->setChannel(Poco::AutoPtr<Poco::Channel>(new Poco::NullChannel));
+        logger->setLevel(Poco::Message::PRIO_TRACE);
+        // Unreadable formats are reported on std::cerr; keep the fuzzer's own output readable.
+        std::cerr.setstate(std::ios::badbit);
+    }
+    FuzzTracingDir dir;
+    NamedTask watchers[3] = {NamedTask("task_a"), NamedTask("task_b"), NamedTask("task_c")};
+    NamedTask stranger{"not_the_ftrace_task"};
+};
+
+Fixture& Shared() {
+    static Fixture fixture;
+    return fixture;
+}
+
+std::string Name(Input& in) {
+    std::string name;
+    const int pieces = 1 + in.Byte() % 3;
+    for (int i = 0; i < pieces; ++i) {
+        const uint8_t pick = in.Byte();
+        if (pick < 16) {
+            name += in.Chunk(pick % 8);  // raw bytes, NUL and all
+        } else {
+            name += kTokens[pick % kTokenCount];
+        }
+    }
+    return name;
+}
+
+// A request's names: mostly a committed event, sometimes bent, sometimes free.
+Key Names(Input& in, const FuzzTracingDir& dir) {
+    const uint8_t mode = in.Byte();
+    const auto& fixture = dir.Fixtures()[(mode >> 2) % dir.Fixtures().size()];
+    switch (mode & 3) {
+        case 0:
+        case 1:
+            return fixture;
+        case 2: {
+            Key bent = fixture;
+            std::string& part = (in.Byte() & 1) ? bent.first : bent.second;
+            const std::string extra = Name(in);
+            part = (in.Byte() & 1) ? extra + part : part + extra;
+            return bent;
+        }
+        default: {
+            std::string system = Name(in);
+            return Key(system, Name(in));
+        }
+    }
+}
+
+void Expect(bool same, const std::string& what) {
+    if (!same) Mismatch(what);
+}
+
+}  // namespace
+
+extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
+    Fixture& shared = Shared();
+    const std::string instance_dir = shared.dir.InstanceDir("ZEV");
+
+    auto task = std::make_unique<Engine::FtraceTask>();
+    Expect(task->ftrace().tracefs().IsValid() && task->ftrace().tracefs().IsCreated(), "ZEV was not created");
+    shared.dir.Populate("ZEV");
+    Model model(instance_dir);
+
+    Input in(data, size);
+    for (size_t request = 0; request < kMaxRequests && !in.Done(); ++request) {
+        const uint8_t how = in.Byte();
+        const uint8_t who = how & 3;
+        Framework::Task* watcher = who == 3 ? nullptr : &shared.watchers[who];
+        const bool remove = how & 4;
+        const bool to_stranger = (how & 0x38) == 0x38;
+        const Key names = Names(in, shared.dir);
+        if (!StaysInside(CString(names.first + "/" + names.second + "/format"), 3)) continue;
+
+        Engine::FtraceWatchMessage message(watcher, names.first, names.second, remove);
+        Framework::Task* consumer = to_stranger ? static_cast<Framework::Task*>(&shared.stranger) : task.get();
+        const int result = message.MessageHandle(consumer);
+        const int expected =
+            to_stranger ? 1 : model.Handle(watcher, names.first, names.second, remove);
+        const std::string request_text = std::string(remove ? "remove " : "add ") + names.first + "|" +
+                                         names.second + " by " + (watcher ? watcher->name() : "(null)");
+        Expect(result == expected, request_text + ": result " + std::to_string(result) + ", model " +
+                                       std::to_string(expected));
+        Expect(task->watches() == model.registry(),
+               request_text + ": registry\n" + Show(task->watches()) + "model\n" + Show(model.registry()));
+        Expect(ReadAll(instance_dir + "/set_event") == model.set_event(), request_text + ": set_event");
+    }
+
+    // What shutdown does: every key of the registry is switched off.
+    task->clear();
+    model.Clear();
+    Expect(task->watches().empty(), "registry not empty after clear");
+    for (const auto& [system, event] : shared.dir.Fixtures()) {
+        const std::string enable = fs::canonical(instance_dir + "/events/" + system + "/" + event + "/enable");
+        Expect(ReadAll(enable) == (model.Disabled(enable) ? "0" : ""), enable);
+    }
+
+    // The task made the instance, so it removes it (the kernel lets an
+    // instance go with its files in it; a plain directory must be emptied first).
+    shared.dir.Empty("ZEV");
+    task.reset();
+    Expect(!fs::exists(instance_dir), "instance left behind by the task that made it");
+    return 0;
+}

@@ -53,7 +53,13 @@ int Task::UnInit() { return 0; }
 
 int Task::EnqueueMsg(std::shared_ptr<Message>& message) {
     if (!message) return 0;
-    if (m_consumer.Queue().Enqueue(message) != 1) {
+    // EnqueueBulk with a reused one-element vector: Enqueue would allocate one
+    // per message. The slot takes its own reference; ours is dropped at once.
+    thread_local std::vector<std::shared_ptr<Message>> one(1);
+    one[0] = message;
+    const int queued = m_consumer.Queue().EnqueueBulk(one, 1);
+    one[0].reset();
+    if (queued != 1) {
         m_dropped.fetch_add(1, std::memory_order_relaxed);
         return 0;
     }

@@ -42,7 +42,10 @@ public:
     int StartTasks();
     // Cancels every task, waits for its Run to return, calls the tasks' UnInit,
     // the modules' UnInit, then deletes tasks and modules and unloads the
-    // shared objects (reverse order of loading). Idempotent.
+    // shared objects (reverse order of loading). Idempotent. Tasks are
+    // stopped in registration order and torn down in reverse. Call it from
+    // the main thread, never from a task (a task asks with RequestStop).
+    // Objects made by a module's code (messages included) must not outlive it.
     void Shutdown();
 
     // The registered task called `name`, or null. Safe from any thread while

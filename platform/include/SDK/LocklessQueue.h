@@ -9,6 +9,7 @@
 
 #include <atomic>
 #include <cstdint>
+#include <utility>
 #include <vector>
 
 #if defined(__SANITIZE_THREAD__)
@@ -176,8 +177,14 @@ protected:
     void _DequeueElements(unsigned int head, std::vector<T>& out, unsigned int n) {
         uint32_t slot = head & m_mask;
         for (unsigned int i = 0; i < n; ++i) {
-            out.push_back(m_buffer[slot]);
-            if (m_clear_on_dequeue) m_buffer[slot] = T();
+            if (m_clear_on_dequeue) {
+                // Same end state as copying then clearing, without touching a
+                // shared element's reference count twice.
+                out.push_back(std::move(m_buffer[slot]));
+                m_buffer[slot] = T();
+            } else {
+                out.push_back(m_buffer[slot]);
+            }
             slot = (slot + 1) & m_mask;
         }
     }

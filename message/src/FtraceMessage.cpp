@@ -6,6 +6,10 @@ namespace Engine {
 
 FtraceMessage::FtraceMessage(std::string name) : m_name(std::move(name)) {}
 
+FtraceMessage::FtraceMessage(std::string name, std::map<std::string, unsigned long> numbers,
+                             std::map<std::string, std::string> strings)
+    : m_name(std::move(name)), m_numbers(std::move(numbers)), m_strings(std::move(strings)) {}
+
 FtraceMessage::~FtraceMessage() = default;
 
 // emplace leaves an existing entry alone: the first value added under a key

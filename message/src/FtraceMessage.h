@@ -13,6 +13,9 @@ namespace Engine {
 class FtraceMessage : public AbstructMessage<FtraceMessage> {
 public:
     explicit FtraceMessage(std::string name);
+    // All entries at once (each map's keys are unique by nature).
+    FtraceMessage(std::string name, std::map<std::string, unsigned long> numbers,
+                  std::map<std::string, std::string> strings);
     ~FtraceMessage() override;
 
     // First value wins: adding an existing key again is ignored.

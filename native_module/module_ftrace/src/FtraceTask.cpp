@@ -5,6 +5,7 @@
 #include <Poco/Util/Application.h>
 
 #include <iterator>
+#include <typeinfo>
 
 #include "CPUTopology.h"
 #include "Framework/Engine.h"
@@ -119,6 +120,7 @@ void FtraceTask::clear() {
         unset_event(key.first, key.second);
     }
     m_watches.clear();
+    watches_changed();
     for (Framework::Event& event : m_events) GetEventWaiter().RemoveEvent(event);
     m_events.clear();
 }
@@ -131,6 +133,7 @@ int FtraceTask::UnInit() {
 int FtraceTask::AddWatch(const Framework::Task* watcher, const std::string& system, const std::string& event) {
     FTRACE_LOG_TO(m_logger, Poco::Message::PRIO_DEBUG, "Enter: AddWatch: %s:%s", system, event);
     std::set<std::string>& subscribers = m_watches[std::make_pair(system, event)];
+    watches_changed();
     if (subscribers.insert(watcher->name()).second) {
         // Every new subscriber enables the event again; the kernel ignores a
         // repeated enable. An unknown event stays recorded (no rollback).
@@ -148,6 +151,7 @@ int FtraceTask::RemoveWatch(const Framework::Task* watcher, const std::string& s
                       watcher->name(), system, event);
         return 0;
     }
+    watches_changed();
     // Only the last subscriber switches the event off; the emptied key stays.
     if (it->second.empty()) return unset_event(system, event) ? 0 : 1;
     return 0;
@@ -171,30 +175,42 @@ bool FtraceTask::unset_event(const std::string& system, const std::string& event
     return true;
 }
 
+FtraceTask::EventRoute& FtraceTask::route(const FtraceEvent& event) {
+    // Records come in runs of one event (sched_switch above all).
+    const tep_event* key = event.get();
+    if (key == m_last_event) return *m_last_route;
+    auto it = m_routes.find(key);
+    if (it == m_routes.end()) it = m_routes.emplace(key, event).first;
+    m_last_event = key;
+    m_last_route = &it->second;
+    return it->second;
+}
+
 std::unique_ptr<FtraceMessage> FtraceTask::create_ftrace_message(const FtraceRecord& record) {
-    const FtraceEvent& event = record.event();
-    auto message = std::make_unique<FtraceMessage>(event.name());
-    message->add("timestamp", static_cast<unsigned long>(record.timestamp()));
-    for (const FtraceField field : FtraceEvent::FtraceEventFields(event)) {
-        if (field.is_array()) {
-            message->add(field.name(), record.get_string(field));
-        } else {
-            message->add(field.name(), static_cast<unsigned long>(record.get(field)));
-        }
-    }
-    return message;
+    return route(record.event()).layout.make_message(record);
 }
 
 void FtraceTask::send_ftrace_message(FtraceRecord& record) {
-    std::unique_ptr<FtraceMessage> built = create_ftrace_message(record);
-    const FtraceEvent& event = record.event();
-    // A record of an event nobody asked for leaves an empty entry behind.
-    const std::set<std::string> subscribers = m_watches[std::make_pair(event.system(), event.event_name())];
-    // One instance, shared by every receiver.
-    std::shared_ptr<Framework::Message> message(std::move(built));
-    for (const std::string& name : subscribers) {
+    EventRoute& route = this->route(record.event());
+    // Built first, also when nobody is subscribed. One instance, shared by every receiver.
+    std::shared_ptr<Framework::Message> message = route.layout.make_shared_message(record);
+    if (route.generation != m_watch_generation) {
+        // A record of an event nobody asked for leaves an empty entry behind.
+        const std::set<std::string>& names = m_watches[std::make_pair(route.layout.system(), route.layout.event_name())];
+        route.subscribers = std::make_shared<const std::vector<std::string>>(names.begin(), names.end());
+        route.generation = m_watch_generation;
+    }
+    // Held for the loop: a registry change made while delivering replaces
+    // route.subscribers and leaves this copy alone.
+    const std::shared_ptr<const std::vector<std::string>> subscribers = route.subscribers;
+    for (const std::string& name : *subscribers) {
         Poco::Util::Application& application = Poco::Util::Application::instance();
-        Framework::Task* task = dynamic_cast<Framework::Engine*>(&application)->FindTask(name);
+        if (&application != m_application || typeid(application) != *m_application_type) {
+            m_engine = dynamic_cast<Framework::Engine*>(&application);
+            m_application = &application;
+            m_application_type = &typeid(application);
+        }
+        Framework::Task* task = m_engine->FindTask(name);
         if (task == nullptr) {
             FTRACE_LOG_TO(m_logger, Poco::Message::PRIO_INFORMATION,
                           "FtraceTask::send_ftrace_message: Task %s not found", name);

@@ -7,16 +7,26 @@
 #include <memory>
 #include <set>
 #include <string>
+#include <typeinfo>
+#include <unordered_map>
 #include <utility>
 #include <vector>
 
 #include "Framework/Event.h"
 #include "Framework/Task.h"
+#include "FtraceEventLayout.h"
 #include "FtracePerCPUReader.h"
 #include "ftrace.h"
 
 namespace Poco {
 class Logger;
+namespace Util {
+class Application;
+}
+}  // namespace Poco
+
+namespace Framework {
+class Engine;
 }
 
 namespace Engine {
@@ -53,11 +63,32 @@ public:
     const std::vector<FtracePerCPUReader*>& readers() const { return m_readers; }
 
 private:
+    // Per event format (keyed by the parser's event object, which lives as
+    // long as m_ftrace): its message layout and the names of its subscribers
+    // as of registry generation `generation`.
+    struct EventRoute {
+        explicit EventRoute(const FtraceEvent& event) : layout(event) {}
+        FtraceEventLayout layout;
+        std::shared_ptr<const std::vector<std::string>> subscribers;
+        uint64_t generation = 0;
+    };
+    EventRoute& route(const FtraceEvent& event);
+    void watches_changed() { ++m_watch_generation; }
+
     std::vector<Framework::Event> m_events;
     Ftrace m_ftrace;
     std::vector<FtracePerCPUReader*> m_readers;
     Poco::Logger* m_logger;
     std::map<std::pair<std::string, std::string>, std::set<std::string>> m_watches;
+
+    std::unordered_map<const tep_event*, EventRoute> m_routes;
+    const tep_event* m_last_event = nullptr;
+    EventRoute* m_last_route = nullptr;  // nodes of m_routes do not move
+    uint64_t m_watch_generation = 1;     // bumped on every change of m_watches
+    // The application last cast to the engine, its dynamic type, and the result.
+    const Poco::Util::Application* m_application = nullptr;
+    const std::type_info* m_application_type = nullptr;
+    Framework::Engine* m_engine = nullptr;
 };
 
 }  // namespace Engine

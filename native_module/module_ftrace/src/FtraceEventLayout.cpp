@@ -11,8 +11,10 @@ namespace Engine {
 namespace {
 
 // FtraceRecord::get_number, inlined: host-order unsigned integer of 1, 2, 4 or
-// 8 bytes (record data need not be aligned); any other size reads 0.
-inline uint64_t ReadNumber(const unsigned char* data, int offset, int size) {
+// 8 bytes (record data need not be aligned); any other size, and bytes not all
+// inside the record's `record_size`, read 0.
+inline uint64_t ReadNumber(const unsigned char* data, uint64_t record_size, int offset, int size) {
+    if (offset < 0 || size <= 0 || static_cast<uint64_t>(offset) + static_cast<uint64_t>(size) > record_size) return 0;
     const unsigned char* at = data + offset;
     switch (size) {
         case 1: return *at;
@@ -66,10 +68,13 @@ FtraceEventLayout::FtraceEventLayout(const FtraceEvent& event)
 
 void FtraceEventLayout::read(const FtraceRecord& record, Numbers& numbers, Strings& strings) const {
     const auto* data = static_cast<const unsigned char*>(record.record()->data);
+    // A corrupt record must not make us read past it (and the page buffer).
+    const uint64_t record_size = static_cast<uint32_t>(record.record()->size);
     const Source* source = m_number_sources.data();
     for (auto& entry : numbers) {
-        entry.second = source->size == kTimestamp ? static_cast<unsigned long>(record.record()->ts)
-                                                  : static_cast<unsigned long>(ReadNumber(data, source->offset, source->size));
+        entry.second = source->size == kTimestamp
+                           ? static_cast<unsigned long>(record.record()->ts)
+                           : static_cast<unsigned long>(ReadNumber(data, record_size, source->offset, source->size));
         ++source;
     }
     source = m_string_sources.data();
@@ -79,11 +84,13 @@ void FtraceEventLayout::read(const FtraceRecord& record, Numbers& numbers, Strin
         uint64_t start = static_cast<uint32_t>(source->offset);
         uint64_t length = static_cast<uint32_t>(source->size);
         if (source->dynamic) {
-            const uint64_t location = ReadNumber(data, source->offset, source->size);
+            const uint64_t location = ReadNumber(data, record_size, source->offset, source->size);
             start = location & 0xffff;
             length = location >> 16;
         }
-        if (length != 0) entry.second.assign(reinterpret_cast<const char*>(data) + start, length);
+        if (length != 0 && start + length <= record_size) {
+            entry.second.assign(reinterpret_cast<const char*>(data) + start, length);
+        }
         ++source;
     }
 }

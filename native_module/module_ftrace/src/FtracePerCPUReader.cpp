@@ -14,6 +14,11 @@
 
 namespace {
 
+// Enough for the header and length words kbuffer may read at the page's end.
+constexpr size_t kPageSlack = 16;
+// common_type, common_flags, common_preempt_count, common_pid.
+constexpr size_t kCommonHeaderSize = 8;
+
 // Tick of the last CPU-budget adjustment. One value for the whole process, not
 // one per reader: every reader runs on the ftrace task's thread, so together
 // they are throttled as that one thread.
@@ -61,17 +66,34 @@ tep_record FtracePerCPUReader::read_single_record(void* data) const {
 
 int FtracePerCPUReader::read_once(const Ftrace& ftrace, int fd, Callback callback, void* context) {
     // trace_pipe_raw hands out whole ring-buffer pages, which are system pages.
-    const size_t page_size = static_cast<size_t>(getpagesize());
-    std::vector<char> page(page_size, 0);
+    const size_t page_size = static_cast<unsigned int>(getpagesize());
+    // Zeroed slack past the page: kbuffer reads a record's header words before
+    // it checks them against the page's length, so a corrupt last record would
+    // make it read past the buffer.
+    std::vector<char> page(page_size + kPageSlack, 0);
     const ssize_t count = ::read(fd, page.data(), page_size);
     if (count == 0) return 1;
     if (count < 0) return errno == EAGAIN ? 1 : 0;
 
     kbuffer* kbuf = m_kbuffer.get();
     kbuffer_load_subbuffer(kbuf, page.data());
+    int last_offset = -1;
     for (void* data = kbuffer_read_event(kbuf, nullptr); data != nullptr; data = kbuffer_next_event(kbuf, nullptr)) {
+        // kbuffer steps by each record's own length: a corrupt (negative) one
+        // sends it backwards, round the same records for ever.
+        const int offset = kbuffer_curr_offset(kbuf);
+        if (offset <= last_offset) break;
+        last_offset = offset;
+        // A record that claims more than the page holds is corrupt: it is cut
+        // at the page's end, and one without room for the common header (which
+        // every event starts with) ends the page.
+        const size_t at = static_cast<size_t>(static_cast<char*>(data) - page.data());
+        if (at > page_size || page_size - at < kCommonHeaderSize) break;
         ThrottleCpu();
         tep_record record = read_single_record(data);
+        if (static_cast<size_t>(static_cast<unsigned int>(record.size)) > page_size - at) {
+            record.size = static_cast<int>(page_size - at);
+        }
         const FtraceEvent event = ftrace.get_event(ftrace.event_id(&record));
         if (!event) continue;  // not in the catalogue: nobody asked for it
         FtraceRecord ftrace_record(event, &record);

@@ -8,7 +8,8 @@ foreach(part ftrace_catalogue ftrace_reader ftrace_task)
   list(APPEND FUZZ_MODULE_SOURCES ${part_sources})
 endforeach()
 add_library(ftrace_fuzz_module STATIC ${FUZZ_MODULE_SOURCES} FuzzTracingDir.cpp)
-target_compile_options(ftrace_fuzz_module PUBLIC -fsanitize=fuzzer-no-link,address,undefined)
+target_compile_options(ftrace_fuzz_module PUBLIC -fsanitize=fuzzer-no-link,address,undefined
+  -fno-sanitize-recover=undefined)
 target_compile_definitions(ftrace_fuzz_module PUBLIC FTRACE_FIXTURES_ROOT="${PROJECT_SOURCE_DIR}/tests/fixtures")
 target_include_directories(ftrace_fuzz_module PUBLIC ${CMAKE_CURRENT_SOURCE_DIR} ${PROJECT_SOURCE_DIR}/tests/reader)
 target_link_libraries(ftrace_fuzz_module PUBLIC ftrace_module_headers platform_with_poco
@@ -22,7 +23,7 @@ function(ftrace_add_fuzzer name source corpus max_len)
   set(work ${CMAKE_CURRENT_BINARY_DIR}/corpus/${corpus})
   file(MAKE_DIRECTORY ${work})
   add_test(NAME fuzz_${corpus}
-    COMMAND ${name} -max_total_time=10 -max_len=${max_len} -rss_limit_mb=2048
+    COMMAND ${name} -max_total_time=10 -timeout=10 -max_len=${max_len} -rss_limit_mb=2048
             ${work} ${CMAKE_CURRENT_SOURCE_DIR}/corpus/${corpus})
   set_tests_properties(fuzz_${corpus} PROPERTIES LABELS fuzz TIMEOUT 90)
 endfunction()

@@ -189,7 +189,7 @@ void BuildRecords(Input& in, const Fixture& fixture, RingBufferPage& page, size_
             const size_t length = (pick & 0x10) ? fixture.sizes[kind] : in.Byte();
             std::vector<uint8_t> payload = in.Bytes(length);
             const uint16_t type = static_cast<uint16_t>(fixture.events[kind].id());
-            std::memcpy(payload.data(), &type, std::min<size_t>(2, payload.size()));
+            if (!payload.empty()) std::memcpy(payload.data(), &type, std::min<size_t>(2, payload.size()));
             next.event(delta, payload);
         } else if (kind == 13) {
             next.time_extend(in.Number(5));

@@ -212,7 +212,7 @@ Fixture& Shared() {
 
 std::string Name(Input& in) {
     std::string name;
-    const int pieces = 1 + in.Byte() % 3;
+    const int pieces = 1 + in.Byte() % 5;
     for (int i = 0; i < pieces; ++i) {
         const uint8_t pick = in.Byte();
         if (pick < 16) {

@@ -29,6 +29,7 @@
 
 #include "AvailableEvents.h"
 #include "FtraceModule.h"
+#include "InstanceLock.h"
 #include "InstanceLossReader.h"
 #include "PrintingSubscriberModule.h"
 #include "SDK/InnerCpuCtrlUtils.h"
@@ -63,6 +64,14 @@ bool IsFile(const std::string& path) {
     return stat(path.c_str(), &st) == 0 && S_ISREG(st.st_mode);
 }
 
+// An open control file keeps the kernel from removing its instance: the
+// stream is closed again before this returns.
+bool HasLine(const std::string& path) {
+    std::ifstream in(path);
+    std::string line;
+    return std::getline(in, line) && !line.empty();
+}
+
 // Shared objects of `dir` other than `skip`, in name order.
 std::vector<std::string> SharedObjects(const std::string& dir, const std::string& skip) {
     std::vector<std::string> names;
@@ -79,7 +88,7 @@ std::vector<std::string> SharedObjects(const std::string& dir, const std::string
 
 }  // namespace
 
-FtraceAgent::FtraceAgent() = default;
+FtraceAgent::FtraceAgent() : m_instance_lock(kInstanceName) {}
 
 FtraceAgent::~FtraceAgent() {
     // Adopted, so never removed here; released before the module removes it.
@@ -111,8 +120,9 @@ void FtraceAgent::defineOptions(Poco::Util::OptionSet& options) {
     options.addOption(Option("cpu-limit", "", "keep the reading thread under PERCENT of one CPU (1-100)")
                           .argument("PERCENT"));
     options.addOption(Option("module-dir", "m",
-                             "directory holding libftrace_module.so and other modules to load "
-                             "(default: ../module next to the executable when installed, else ../lib)")
+                             "directory holding libftrace_module.so and the other modules to load, every "
+                             "*.so in it that exports CreateModule (default: ../module from the executable's "
+                             "directory, installed or in the build tree)")
                           .argument("DIR"));
     options.addOption(Option("log-level", "",
                              "none, fatal, critical, error, warning, notice, information, debug or trace "
@@ -220,7 +230,8 @@ std::string FtraceAgent::DefaultModuleDir() const {
     if (n <= 0) return ".";
     exe[n] = '\0';
     const std::string prefix = Directory(Directory(exe));
-    // Installed: <prefix>/bin and <prefix>/module. Build tree: build/bin and build/lib.
+    // Installed: <prefix>/bin next to <prefix>/module. The build tree has the
+    // same build/bin and build/module; build/lib is the last resort.
     for (const char* sub : {"/module", "/lib"}) {
         if (IsFile(prefix + sub + "/" + kModuleFileName)) return prefix + sub;
     }
@@ -275,7 +286,7 @@ int FtraceAgent::LoadModules(const std::string& module_dir) {
         return Fail("cannot load module " + ftrace_path + ": no such file; point --module-dir at the directory " +
                     "holding " + kModuleFileName);
     }
-    if (void* probe = dlopen(ftrace_path.c_str(), RTLD_LAZY | RTLD_LOCAL)) {
+    if (void* probe = dlopen(ftrace_path.c_str(), RTLD_NOW | RTLD_LOCAL)) {
         dlclose(probe);
     } else {
         const char* text = dlerror();
@@ -292,7 +303,7 @@ int FtraceAgent::LoadModules(const std::string& module_dir) {
 
     for (const auto& name : SharedObjects(module_dir, kModuleFileName)) {
         const std::string path = module_dir + "/" + name;
-        void* probe = dlopen(path.c_str(), RTLD_LAZY | RTLD_LOCAL);
+        void* probe = dlopen(path.c_str(), RTLD_NOW | RTLD_LOCAL);
         if (probe == nullptr) {
             const char* text = dlerror();
             return Fail("cannot load module " + path + ": " + (text ? text : "unknown error") +
@@ -305,7 +316,10 @@ int FtraceAgent::LoadModules(const std::string& module_dir) {
         dlclose(probe);
         if (!is_module) continue;
         if (rc != 0) {
-            return Fail("cannot load module " + path + ": " + error + "; fix it or remove it from the module directory");
+            // It loads (the probe resolved every symbol), so the module itself
+            // declined, as the ftrace module does without tracefs: run without it.
+            Log(Poco::Message::PRIO_WARNING, "not using " + path + ": " + error, __LINE__);
+            continue;
         }
         Log(Poco::Message::PRIO_INFORMATION, "loaded " + path, __LINE__);
     }
@@ -357,10 +371,16 @@ int FtraceAgent::main(const std::vector<std::string>&) {
 
     std::string tracing_dir;
     if (const int rc = CheckEnvironment(&tracing_dir)) return rc;
+    std::string holder;
+    if (!m_instance_lock.TryAcquire(&holder, &error)) {
+        if (!error.empty()) return Fail("cannot lock " + error + ": run as root");
+        return Fail("instance ZEV is in use by another ftrace-agent" + (holder.empty() ? "" : " (pid " + holder + ")") +
+                    ": stop that one first");
+    }
     if (access((tracing_dir + "/instances/" + kInstanceName).c_str(), F_OK) == 0) {
         Log(Poco::Message::PRIO_WARNING,
-            "instance ZEV exists already (another agent, or a run that was killed): it is used and left in place; "
-            "if no agent runs, remove it with rmdir " + tracing_dir + "/instances/" + kInstanceName,
+            "instance ZEV exists already (left by a run that was killed, or used by another program): it is "
+            "used and left in place; if nothing uses it, remove it with rmdir " + tracing_dir + "/instances/" + kInstanceName,
             __LINE__);
     }
     const std::string module_dir = Absolute(m_options.module_dir.empty() ? DefaultModuleDir() : m_options.module_dir);
@@ -375,9 +395,7 @@ int FtraceAgent::Trace(const std::string& tracing_dir) {
     if (!m_instance->tracefs().IsValid()) return Fail(kNoTracingLine);
     // The run's pid filter is exactly --pid; an adopted instance may still hold
     // the filter of a run that was killed, which would hide every event.
-    std::ifstream stale_filter(m_instance->tracing_file("set_event_pid"));
-    std::string stale_pid;
-    if (m_options.pids.empty() && std::getline(stale_filter, stale_pid) && !stale_pid.empty()) {
+    if (m_options.pids.empty() && HasLine(m_instance->tracing_file("set_event_pid"))) {
         Log(Poco::Message::PRIO_WARNING, "clearing the pid filter (set_event_pid) left in instance ZEV", __LINE__);
     }
     m_instance->event_filter_clean_all();
@@ -392,9 +410,12 @@ int FtraceAgent::Trace(const std::string& tracing_dir) {
     }
 
     std::string error;
-    if (m_options.daemon && !Daemonize(&error)) {
-        std::cerr << "ftrace-agent: cannot run in the background: " << error << std::endl;
-        return EXIT_OSERR;
+    if (m_options.daemon) {
+        if (!Daemonize(&error)) {
+            std::cerr << "ftrace-agent: cannot run in the background: " << error << std::endl;
+            return EXIT_OSERR;
+        }
+        m_instance_lock.Refresh();
     }
 
     m_statistics.Start();

@@ -9,6 +9,7 @@
 
 #include "AgentOptions.h"
 #include "Framework/Engine.h"
+#include "InstanceLock.h"
 #include "ReceiveStatistics.h"
 
 class Ftrace;
@@ -55,6 +56,7 @@ private:
     AgentOptions m_options;
     bool m_events_given = false;
     ReceiveStatistics m_statistics;
+    InstanceLock m_instance_lock;  // held from the checks until the process ends
     std::unique_ptr<Ftrace> m_instance;  // the module's instance, adopted for set_event_pid
 };
 

@@ -6,6 +6,7 @@
 #include <gtest/gtest.h>
 #include <poll.h>
 #include <signal.h>
+#include <sys/file.h>
 #include <sys/prctl.h>
 #include <sys/stat.h>
 #include <sys/wait.h>
@@ -27,7 +28,6 @@ namespace {
 using Clock = std::chrono::steady_clock;
 
 const std::string kAgent = std::string(FTRACE_BUILD_BIN_DIR) + "/ftrace-agent";
-const std::string kModuleDir = FTRACE_BUILD_LIB_DIR;
 const std::string kTracing = "/sys/kernel/tracing";
 const std::string kZev = kTracing + "/instances/ZEV";
 constexpr const char* kNoTracingLine = "cannot create tracing instance ZEV: run as root on a kernel with tracefs";
@@ -204,7 +204,8 @@ void PrintTo(const OutputCase& c, std::ostream* os) { *os << c.format; }
 class AgentOutputTest : public AgentTest, public ::testing::WithParamInterface<OutputCase> {};
 
 TEST_P(AgentOutputTest, ExecOfSpawnedProcessIsPrintedAndSigintCleansUp) {
-    AgentProcess agent({std::string("--format=") + GetParam().format, "--module-dir=" + kModuleDir});
+    // The default module directory: build/module, as <prefix>/module when installed.
+    AgentProcess agent({std::string("--format=") + GetParam().format});
     ASSERT_TRUE(agent.Started());
     ASSERT_TRUE(WaitForFile(kZev + "/events/sched/sched_process_exec/enable", "1\n", std::chrono::seconds(10)))
         << agent.Err();
@@ -280,9 +281,7 @@ void PrintTo(const RefusalCase& c, std::ostream* os) { *os << c.name; }
 class AgentRefusalTest : public AgentTest, public ::testing::WithParamInterface<RefusalCase> {};
 
 TEST_P(AgentRefusalTest, ExitsTwoWithOneLineSayingWhatToDo) {
-    std::vector<std::string> args = GetParam().args;
-    if (args.empty() || args[0].rfind("--module-dir", 0) != 0) args.push_back("--module-dir=" + kModuleDir);
-    AgentProcess agent(args, GetParam().run_as);
+    AgentProcess agent(GetParam().args, GetParam().run_as);
     ASSERT_TRUE(agent.Started());
     const int rc = agent.Wait(std::chrono::seconds(20));
     if (rc == 127 && GetParam().run_as != 0) GTEST_SKIP() << "uid " << GetParam().run_as << " cannot run " << kAgent;
@@ -319,27 +318,46 @@ INSTANTIATE_TEST_SUITE_P(
                         "working copy"}),
     [](const auto& info) { return std::string(info.param.name); });
 
+TEST_F(AgentTest, SecondAgentOnTheInstanceIsRefused) {
+    // Held here as a running agent holds it.
+    const int lock = open("/run/lock/ftrace-agent.ZEV.lock", O_RDWR | O_CREAT | O_CLOEXEC, 0644);
+    ASSERT_GE(lock, 0);
+    if (flock(lock, LOCK_EX | LOCK_NB) != 0) {
+        close(lock);
+        GTEST_SKIP() << "an ftrace-agent is running on this host";
+    }
+    ASSERT_EQ(ftruncate(lock, 0), 0);
+    ASSERT_EQ(pwrite(lock, "4242\n", 5, 0), 5);
+    AgentProcess agent({});
+    const int rc = agent.Wait(std::chrono::seconds(20));
+    close(lock);
+    EXPECT_EQ(rc, 2);
+    EXPECT_EQ(agent.Err(), "instance ZEV is in use by another ftrace-agent (pid 4242): stop that one first\n");
+}
+
 TEST_F(AgentTest, CountAndPidFilterLimitWhatIsPrinted) {
-    // Only the waiting child is traced: its exit is the one message, then the agent stops by itself.
-    int hold[2];
-    ASSERT_EQ(pipe2(hold, O_CLOEXEC), 0);  // the agent must not keep the child waiting
+    // Only the sleeping child is traced: its exit is the one message, then the agent stops by itself.
     const pid_t sleeper = fork();
     if (sleeper == 0) {
-        close(hold[1]);
-        char byte;
-        [[maybe_unused]] ssize_t n = read(hold[0], &byte, 1);
-        _exit(0);
+        execl("/bin/sleep", "sleep", "60", static_cast<char*>(nullptr));
+        _exit(127);
     }
-    close(hold[0]);
+    struct Reaper {
+        pid_t pid;
+        ~Reaper() {
+            if (pid > 0 && kill(pid, SIGKILL) == 0) waitpid(pid, nullptr, 0);
+        }
+    } reaper{sleeper};
     AgentProcess agent({"--events=sched:sched_process_exit,sched:sched_process_exec", "--pid=" + std::to_string(sleeper),
-                        "--count=1", "--format=json", "--module-dir=" + kModuleDir});
+                        "--count=1", "--format=json"});
     ASSERT_TRUE(agent.Started());
     ASSERT_TRUE(WaitForFile(kZev + "/events/sched/sched_process_exit/enable", "1\n", std::chrono::seconds(10)))
         << agent.Err();
     EXPECT_EQ(ReadFile(kZev + "/set_event_pid"), std::to_string(sleeper) + "\n");
     for (int i = 0; i < 5; ++i) RunTrue();  // not traced
-    close(hold[1]);
+    kill(sleeper, SIGTERM);
     waitpid(sleeper, nullptr, 0);
+    reaper.pid = -1;
     EXPECT_EQ(agent.Wait(kDeliveryTimeout + std::chrono::seconds(10)), 0) << agent.Err();
     EXPECT_EQ(agent.Out().find("sched:sched_process_exit"), agent.Out().rfind("sched:sched_process_exit"));
     EXPECT_NE(agent.Out().find("\"pid\":" + std::to_string(sleeper) + ","), std::string::npos) << agent.Out();

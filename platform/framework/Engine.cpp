@@ -182,6 +182,7 @@ int Engine::InitModule(std::unique_ptr<LoadedModule> loaded, std::string* error)
                     m_by_name[running->name] = running->task;
                     m_tasks.push_back(std::move(running));
                 }
+                if (!pending.empty()) PublishNameIndex();
             }
         }
         if (rc == 0) {
@@ -244,6 +245,7 @@ int Engine::AdoptTask(Module* owner, Task* task, bool start_now) {
             pending = true;
         } else {
             m_by_name[running->name] = task;
+            PublishNameIndex();
             m_tasks.push_back(std::move(running));
         }
     }
@@ -367,6 +369,7 @@ void Engine::Shutdown() {
     {
         std::unique_lock<std::shared_mutex> lock(m_tasks_mutex);
         m_by_name.clear();
+        PublishNameIndex();
         doomed.swap(m_tasks);
     }
     for (auto it = doomed.rbegin(); it != doomed.rend(); ++it) {
@@ -386,10 +389,16 @@ void Engine::Shutdown() {
     m_modules.clear();
 }
 
+void Engine::PublishNameIndex() {
+    m_name_indexes.push_back(std::make_unique<const NameIndex>(m_by_name));
+    m_name_index.store(m_name_indexes.back().get(), std::memory_order_release);
+}
+
 Task* Engine::FindTask(const std::string& name) const {
-    std::shared_lock<std::shared_mutex> lock(m_tasks_mutex);
-    auto it = m_by_name.find(name);
-    return it == m_by_name.end() ? nullptr : it->second;
+    const NameIndex* index = m_name_index.load(std::memory_order_acquire);
+    if (index == nullptr) return nullptr;
+    const auto it = index->find(name);
+    return it == index->end() ? nullptr : it->second;
 }
 
 std::vector<std::string> Engine::TaskNames() const {

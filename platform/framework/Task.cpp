@@ -33,6 +33,7 @@ Task::Task(const std::string& name, const std::string& feature, TaskCondition::T
     if (m_event_waiter.AddEvent(m_event) != 0) {
         LogError(Poco::format("task %s: no wake-up event (errno %d)", name, errno), __LINE__);
     }
+    m_event_waiter.SetBeforeWait(&Task::BeforeWait, this);
 }
 
 Task::~Task() = default;
@@ -63,9 +64,13 @@ int Task::EnqueueMsg(std::shared_ptr<Message>& message) {
         m_dropped.fetch_add(1, std::memory_order_relaxed);
         return 0;
     }
-    // Release pairs with the consumer's exchange in OnWakeup: a producer that
-    // skips the write has its message visible to the consumer's next check.
-    if (!m_wakeup_pending.exchange(true, std::memory_order_acq_rel)) Wakeup();
+    // Pairs with the fence in BeforeWait: either the consumer sees this
+    // message before it sleeps, or this producer sees the cleared flag.
+    std::atomic_thread_fence(std::memory_order_seq_cst);
+    if (!m_wakeup_pending.load(std::memory_order_relaxed) &&
+        !m_wakeup_pending.exchange(true, std::memory_order_relaxed)) {
+        Wakeup();
+    }
     return 1;
 }
 
@@ -85,10 +90,16 @@ int Task::OnWakeup(int fd, unsigned int, void*) {
     do {
         rc = ::read(fd, &count, sizeof count);
     } while (rc < 0 && errno == EINTR);
-    // Cleared after the read: a producer that still saw it set enqueued before
-    // this point, and the task's loop checks the queue after the wait returns.
-    m_wakeup_pending.exchange(false, std::memory_order_acq_rel);
     return 0;
+}
+
+bool Task::BeforeWait(void* context) {
+    Task* task = static_cast<Task*>(context);
+    // Arm the wake-up, then look at the queue once more: a message enqueued
+    // before the flag was cleared is seen here, and the wait only polls.
+    task->m_wakeup_pending.store(false, std::memory_order_relaxed);
+    std::atomic_thread_fence(std::memory_order_seq_cst);
+    return !task->m_consumer.Queue().Empty();
 }
 
 int Task::BulkConsumeMsg(int max) {

@@ -83,9 +83,18 @@ private:
     int StartTask(RunningTask& running);
     void WaitForTaskEnd(RunningTask& running);
 
+    using NameIndex = std::unordered_map<std::string, Task*>;
+    // After every change of m_by_name (under m_tasks_mutex): a read-only copy
+    // for FindTask, which runs once per delivered message and so takes no lock.
+    void PublishNameIndex();
+
     mutable std::shared_mutex m_tasks_mutex;  // guards m_tasks and m_by_name
     std::vector<std::unique_ptr<RunningTask>> m_tasks;
-    std::unordered_map<std::string, Task*> m_by_name;
+    NameIndex m_by_name;
+    std::atomic<const NameIndex*> m_name_index{nullptr};
+    // Every copy ever published: a reader may still be looking at an older
+    // one. Changes are rare (registration, shutdown), so these stay few.
+    std::vector<std::unique_ptr<const NameIndex>> m_name_indexes;
     std::vector<std::unique_ptr<LoadedModule>> m_modules;
     // Serialises loading, starting and shutting down. Recursive because a
     // module's Init, run under it, registers tasks.

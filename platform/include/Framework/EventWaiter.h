@@ -28,9 +28,20 @@ public:
 
     bool IsValid() const { return m_epoll_fd >= 0; }
 
+    // Called right before a wait that could block; when it returns true the
+    // wait only polls (time-out 0). A task uses it to arm its wake-up only
+    // when it is about to sleep.
+    using BeforeWait = bool (*)(void* context);
+    void SetBeforeWait(BeforeWait hook, void* context) {
+        m_before_wait = hook;
+        m_before_wait_context = context;
+    }
+
 private:
     int m_epoll_fd = -1;
     std::vector<epoll_event> m_ready;
+    BeforeWait m_before_wait = nullptr;
+    void* m_before_wait_context = nullptr;
 };
 
 }  // namespace Framework

@@ -67,10 +67,12 @@ protected:
 
 private:
     int OnWakeup(int fd, unsigned int events, void* context);
+    static bool BeforeWait(void* task);
     std::vector<std::shared_ptr<Message>> m_batch;
     std::atomic<unsigned long> m_dropped{0};
-    // Set by the first producer after the task last woke up: later producers
-    // skip the eventfd write, so a busy task costs no system call per message.
+    // Set by the first producer after the task last got ready to sleep (its
+    // waiter's BeforeWait): later producers skip the eventfd write, so a task
+    // that is busy consuming costs its producers no system call per message.
     std::atomic<bool> m_wakeup_pending{false};
 };
 

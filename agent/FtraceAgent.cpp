@@ -64,6 +64,16 @@ bool IsFile(const std::string& path) {
     return stat(path.c_str(), &st) == 0 && S_ISREG(st.st_mode);
 }
 
+// Modules run with the agent's privileges: whoever can replace one owns the host.
+void WarnIfOthersCanWrite(const std::string& path) {
+    struct stat st {};
+    if (stat(path.c_str(), &st) != 0) return;
+    if (st.st_uid != geteuid() || (st.st_mode & (S_IWGRP | S_IWOTH)) != 0) {
+        Log(Poco::Message::PRIO_WARNING,
+            path + " can be changed by other users than this one, who could run code as root through it", __LINE__);
+    }
+}
+
 // An open control file keeps the kernel from removing its instance: the
 // stream is closed again before this returns.
 bool HasLine(const std::string& path) {
@@ -106,9 +116,9 @@ void FtraceAgent::defineOptions(Poco::Util::OptionSet& options) {
     using Poco::Util::Option;
     options.addOption(Option("help", "h", "print this help and exit"));
     options.addOption(Option("events", "e",
-                             "comma-separated trace events to print, as system:event "
-                             "(default: sched:sched_process_exec,sched:sched_process_fork,sched:sched_process_exit); "
-                             "repeatable")
+                             "comma-separated trace events to print, as system:event; repeatable "
+                             "(default: sched:sched_process_exec, sched:sched_process_fork and "
+                             "sched:sched_process_exit)")
                           .argument("LIST")
                           .repeatable(true));
     options.addOption(Option("format", "f", "output: text (one message per line), json (one object per line) or "
@@ -293,6 +303,8 @@ int FtraceAgent::LoadModules(const std::string& module_dir) {
         return Fail("cannot load module " + ftrace_path + ": " + (text ? text : "unknown error") +
                     "; reinstall the agent or point --module-dir at a working copy");
     }
+    WarnIfOthersCanWrite(module_dir);
+    WarnIfOthersCanWrite(ftrace_path);
     WarnIfNotLinkedCopy(ftrace_path);
     if (LoadModule(ftrace_path, &error) != 0) {
         // It loaded above, so what failed is the module's Init: its tracing instance.
@@ -312,7 +324,10 @@ int FtraceAgent::LoadModules(const std::string& module_dir) {
         // Libraries without a factory (the platform's own, helpers) are not modules.
         const bool is_module = dlsym(probe, "CreateModule") != nullptr;
         int rc = 0;
-        if (is_module) rc = LoadModule(path, &error);
+        if (is_module) {
+            WarnIfOthersCanWrite(path);
+            rc = LoadModule(path, &error);
+        }
         dlclose(probe);
         if (!is_module) continue;
         if (rc != 0) {
@@ -373,7 +388,7 @@ int FtraceAgent::main(const std::vector<std::string>&) {
     if (const int rc = CheckEnvironment(&tracing_dir)) return rc;
     std::string holder;
     if (!m_instance_lock.TryAcquire(&holder, &error)) {
-        if (!error.empty()) return Fail("cannot lock " + error + ": run as root");
+        if (!error.empty()) return Fail("cannot lock " + error);
         return Fail("instance ZEV is in use by another ftrace-agent" + (holder.empty() ? "" : " (pid " + holder + ")") +
                     ": stop that one first");
     }

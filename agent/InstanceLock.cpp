@@ -11,8 +11,9 @@
 namespace Agent {
 
 InstanceLock::InstanceLock(const std::string& instance_name) {
+    // /run is writable by root only: nobody else can plant or hold the lock.
     struct stat st {};
-    const std::string dir = stat("/run/lock", &st) == 0 && S_ISDIR(st.st_mode) ? "/run/lock" : "/tmp";
+    const std::string dir = stat("/run", &st) == 0 && S_ISDIR(st.st_mode) ? "/run" : "/tmp";
     m_path = dir + "/ftrace-agent." + instance_name + ".lock";
 }
 
@@ -24,6 +25,13 @@ bool InstanceLock::TryAcquire(std::string* holder, std::string* error) {
     m_fd = open(m_path.c_str(), O_RDWR | O_CREAT | O_CLOEXEC | O_NOFOLLOW, 0644);
     if (m_fd < 0) {
         *error = m_path + ": " + std::strerror(errno);
+        return false;
+    }
+    struct stat st {};
+    if (fstat(m_fd, &st) != 0 || st.st_uid != geteuid() || !S_ISREG(st.st_mode)) {
+        *error = m_path + ": not a regular file of this user; remove it";
+        close(m_fd);
+        m_fd = -1;
         return false;
     }
     if (flock(m_fd, LOCK_EX | LOCK_NB) != 0) {

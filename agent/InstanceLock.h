@@ -2,7 +2,7 @@
 // Keeps two agents off one tracing instance: they would read each other's
 // records out of the shared ring buffers, and the first to stop would switch
 // the events off (or remove the instance) under the other. An flock on a file
-// in /run/lock, held for the life of the process; the holder's pid is written
+// in /run, held for the life of the process; the holder's pid is written
 // into it so that the refusal can name it.
 
 #include <string>

@@ -320,7 +320,7 @@ INSTANTIATE_TEST_SUITE_P(
 
 TEST_F(AgentTest, SecondAgentOnTheInstanceIsRefused) {
     // Held here as a running agent holds it.
-    const int lock = open("/run/lock/ftrace-agent.ZEV.lock", O_RDWR | O_CREAT | O_CLOEXEC, 0644);
+    const int lock = open("/run/ftrace-agent.ZEV.lock", O_RDWR | O_CREAT | O_CLOEXEC, 0644);
     ASSERT_GE(lock, 0);
     if (flock(lock, LOCK_EX | LOCK_NB) != 0) {
         close(lock);

@@ -79,8 +79,9 @@ public:
     }
     ~AgentProcess() {
         if (m_pid > 0 && !m_reaped) {
-            kill(m_pid, SIGKILL);
-            waitpid(m_pid, nullptr, 0);
+            // A failed test still lets the agent switch its events off and remove its instance.
+            kill(m_pid, SIGTERM);
+            Wait(std::chrono::seconds(15));
         }
         if (m_out >= 0) close(m_out);
         if (m_err >= 0) close(m_err);

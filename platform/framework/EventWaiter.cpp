@@ -37,7 +37,7 @@ int EventWaiter::WaitAndHandleEvent(int timeout_ms, int max_events) {
         return -1;
     }
     if (m_ready.size() < static_cast<size_t>(max_events)) m_ready.resize(static_cast<size_t>(max_events));
-    if (timeout_ms != 0 && m_before_wait != nullptr && m_before_wait(m_before_wait_context)) timeout_ms = 0;
+    if (m_before_wait != nullptr && m_before_wait(m_before_wait_context)) timeout_ms = 0;
     const int n = ::epoll_wait(m_epoll_fd, m_ready.data(), max_events, timeout_ms);
     if (n < 0) return errno == EINTR ? 0 : -1;
     for (int i = 0; i < n; ++i) {

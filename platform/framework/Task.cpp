@@ -20,6 +20,20 @@ void LogError(const std::string& text, int line) {
                           __FILE__, line);
 }
 
+// The task whose Run this thread is executing, if any.
+thread_local Task* t_running_task = nullptr;
+// Wake-ups this task thread owes to tasks it enqueued to, and the messages it
+// enqueued since it last paid them.
+thread_local std::vector<std::shared_ptr<const WakeupChannel>> t_owed_wakeups;
+thread_local unsigned int t_messages_since_paid = 0;
+constexpr unsigned int kMostMessagesOwed = 256;
+
+void PayOwedWakeups() {
+    for (const auto& channel : t_owed_wakeups) channel->Signal();
+    t_owed_wakeups.clear();
+    t_messages_since_paid = 0;
+}
+
 }  // namespace
 
 Task::Task(const std::string& name, const std::string& feature, TaskCondition::TaskType type,
@@ -34,11 +48,15 @@ Task::Task(const std::string& name, const std::string& feature, TaskCondition::T
         LogError(Poco::format("task %s: no wake-up event (errno %d)", name, errno), __LINE__);
     }
     m_event_waiter.SetBeforeWait(&Task::BeforeWait, this);
+    auto channel = std::make_shared<const WakeupChannel>(m_event.Fd());
+    if (channel->Valid()) m_wakeup_channel = std::move(channel);
 }
 
 Task::~Task() = default;
 
 void Task::runTask() {
+    Task* const outer = t_running_task;
+    t_running_task = this;
     try {
         Run();
     } catch (const std::exception& e) {
@@ -46,6 +64,8 @@ void Task::runTask() {
     } catch (...) {
         LogError(Poco::format("task %s: Run threw a non-standard exception", name()), __LINE__);
     }
+    PayOwedWakeups();
+    t_running_task = outer;
 }
 
 int Task::Init() { return 0; }
@@ -69,7 +89,18 @@ int Task::EnqueueMsg(std::shared_ptr<Message>& message) {
     std::atomic_thread_fence(std::memory_order_seq_cst);
     if (!m_wakeup_pending.load(std::memory_order_relaxed) &&
         !m_wakeup_pending.exchange(true, std::memory_order_relaxed)) {
-        Wakeup();
+        // Another task's thread wakes this one when it is about to wait
+        // itself; any other thread at once.
+        if (t_running_task != nullptr && t_running_task != this && m_wakeup_channel) {
+            t_owed_wakeups.push_back(m_wakeup_channel);
+        } else {
+            Wakeup();
+        }
+    }
+    if (!t_owed_wakeups.empty() &&
+        (++t_messages_since_paid >= kMostMessagesOwed ||
+         2 * m_consumer.Queue().Count() >= m_consumer.Queue().Capacity())) {
+        PayOwedWakeups();
     }
     return 1;
 }
@@ -95,6 +126,8 @@ int Task::OnWakeup(int fd, unsigned int, void*) {
 
 bool Task::BeforeWait(void* context) {
     Task* task = static_cast<Task*>(context);
+    // Whoever this thread enqueued to must not wait for it to wake up again.
+    PayOwedWakeups();
     // Arm the wake-up, then look at the queue once more: a message enqueued
     // before the flag was cleared is seen here, and the wait only polls.
     task->m_wakeup_pending.store(false, std::memory_order_relaxed);

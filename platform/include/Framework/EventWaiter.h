@@ -28,9 +28,9 @@ public:
 
     bool IsValid() const { return m_epoll_fd >= 0; }
 
-    // Called right before a wait that could block; when it returns true the
-    // wait only polls (time-out 0). A task uses it to arm its wake-up only
-    // when it is about to sleep.
+    // Called right before every wait; when it returns true the wait only
+    // polls (time-out 0). A task uses it to arm its wake-up only when it is
+    // about to sleep, and to wake those it enqueued to meanwhile.
     using BeforeWait = bool (*)(void* context);
     void SetBeforeWait(BeforeWait hook, void* context) {
         m_before_wait = hook;

@@ -12,6 +12,7 @@
 #include "Framework/MessageConsumer.h"
 #include "Framework/MessageProductor.h"
 #include "Framework/TaskCondition.h"
+#include "Framework/WakeupChannel.h"
 
 namespace Framework {
 
@@ -37,6 +38,9 @@ public:
     virtual int Run() = 0;
     // Puts one reference to `message` on this task's queue without blocking and
     // wakes the task's waiter. Any thread. 1 when queued, 0 when the queue is full.
+    // From another task's thread the wake-up is written when that thread is
+    // about to wait itself (or ends its Run, or has enqueued 256 messages since,
+    // or this queue is half full), so one system call covers a whole burst.
     virtual int EnqueueMsg(std::shared_ptr<Message>& message);
     virtual int InterceptMsg(std::shared_ptr<Message>&) { return 0; }
     virtual int HandleMsg(const Message*) { return 0; }
@@ -68,6 +72,7 @@ protected:
 private:
     int OnWakeup(int fd, unsigned int events, void* context);
     static bool BeforeWait(void* task);
+    std::shared_ptr<const WakeupChannel> m_wakeup_channel;  // for delayed wake-ups
     std::vector<std::shared_ptr<Message>> m_batch;
     std::atomic<unsigned long> m_dropped{0};
     // Set by the first producer after the task last got ready to sleep (its

@@ -33,6 +33,11 @@ wait_for() {
     done
 }
 
+lock=/run/ftrace-agent.ZEV.lock
+if [ -e "$lock" ] && ! flock -n "$lock" true; then
+    echo "SKIP: an ftrace-agent is running on this host and owns ZEV"
+    exit 77
+fi
 instances_before=$(ls "$tracing/instances")
 prefix=$work/prefix
 cmake --install "$build" --prefix "$prefix" >"$work/install.log" || fail "cmake --install"

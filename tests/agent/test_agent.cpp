@@ -30,6 +30,7 @@ using Clock = std::chrono::steady_clock;
 const std::string kAgent = std::string(FTRACE_BUILD_BIN_DIR) + "/ftrace-agent";
 const std::string kTracing = "/sys/kernel/tracing";
 const std::string kZev = kTracing + "/instances/ZEV";
+constexpr const char* kAgentLock = "/run/ftrace-agent.ZEV.lock";
 constexpr const char* kNoTracingLine = "cannot create tracing instance ZEV: run as root on a kernel with tracefs";
 // Records reach the reader at the buffer watermark or after its bounded 1000 ms wait.
 constexpr auto kDeliveryTimeout = std::chrono::seconds(15);
@@ -167,6 +168,15 @@ bool WaitForFile(const std::string& path, const std::string& content, Clock::dur
     return false;
 }
 
+// True when a running agent holds the single-agent lock.
+bool AgentRunning() {
+    const int fd = open(kAgentLock, O_RDONLY | O_CLOEXEC);
+    if (fd < 0) return false;
+    const bool held = flock(fd, LOCK_EX | LOCK_NB) != 0;
+    close(fd);
+    return held;
+}
+
 pid_t RunTrue() {
     const pid_t pid = fork();
     if (pid == 0) {
@@ -181,6 +191,7 @@ class AgentTest : public ::testing::Test {
 protected:
     void SetUp() override {
         if (geteuid() != 0 || access(kTracing.c_str(), W_OK) != 0) GTEST_SKIP() << "needs root and tracefs";
+        if (AgentRunning()) GTEST_SKIP() << "an ftrace-agent is running on this host and owns ZEV";
         m_instances_before = Instances();
     }
     void TearDown() override {
@@ -258,17 +269,26 @@ INSTANTIATE_TEST_SUITE_P(
                                  }}),
     [](const auto& info) { return std::string(info.param.format); });
 
-// A module directory whose libftrace_module.so is not an ELF file.
+// A module directory whose libftrace_module.so is not an ELF file, there while the tests run.
 const std::string& BrokenModuleDir() {
-    static const std::string dir = [] {
-        const std::string path = "/tmp/ftrace_agent_broken_module_" + std::to_string(getpid());
-        mkdir(path.c_str(), 0755);
-        std::ofstream(path + "/libftrace_module.so")
-            << "This is not a shared object, only text that is long enough to hold an ELF header.\n";
-        return path;
-    }();
+    static const std::string dir = "/tmp/ftrace_agent_broken_module_" + std::to_string(getpid());
     return dir;
 }
+
+class BrokenModuleEnvironment : public ::testing::Environment {
+public:
+    void SetUp() override {
+        mkdir(BrokenModuleDir().c_str(), 0755);
+        std::ofstream(BrokenModuleDir() + "/libftrace_module.so")
+            << "This is not a shared object, only text that is long enough to hold an ELF header.\n";
+    }
+    void TearDown() override {
+        unlink((BrokenModuleDir() + "/libftrace_module.so").c_str());
+        rmdir(BrokenModuleDir().c_str());
+    }
+};
+[[maybe_unused]] ::testing::Environment* const kBrokenModule =
+    ::testing::AddGlobalTestEnvironment(new BrokenModuleEnvironment);
 
 struct RefusalCase {
     const char* name;
@@ -321,7 +341,7 @@ INSTANTIATE_TEST_SUITE_P(
 
 TEST_F(AgentTest, SecondAgentOnTheInstanceIsRefused) {
     // Held here as a running agent holds it.
-    const int lock = open("/run/ftrace-agent.ZEV.lock", O_RDWR | O_CREAT | O_CLOEXEC, 0644);
+    const int lock = open(kAgentLock, O_RDWR | O_CREAT | O_CLOEXEC, 0644);
     ASSERT_GE(lock, 0);
     if (flock(lock, LOCK_EX | LOCK_NB) != 0) {
         close(lock);

@@ -33,11 +33,14 @@ wait_for() {
     done
 }
 
-lock=/run/ftrace-agent.ZEV.lock
-if [ -e "$lock" ] && ! flock -n "$lock" true; then
-    echo "SKIP: an ftrace-agent is running on this host and owns ZEV"
-    exit 77
-fi
+skip_if_agent_running() {
+    local lock=/run/ftrace-agent.ZEV.lock
+    if [ -e "$lock" ] && ! flock -n "$lock" true; then
+        echo "SKIP: an ftrace-agent is running on this host and owns ZEV"
+        exit 77
+    fi
+}
+skip_if_agent_running
 instances_before=$(ls "$tracing/instances")
 prefix=$work/prefix
 cmake --install "$build" --prefix "$prefix" >"$work/install.log" || fail "cmake --install"
@@ -50,12 +53,15 @@ cmake --install "$work/example" >/dev/null || fail "install example"
 PKG_CONFIG_PATH=$prefix/lib/pkgconfig pkg-config --cflags ftrace-module | grep -q -- "-I$prefix/include" ||
     fail "pkg-config ftrace-module does not point into $prefix"
 
+skip_if_agent_running
 "$prefix/bin/ftrace-agent" --module-dir="$prefix/module" --format=none --log-file="$work/agent.log" \
     >"$work/agent.out" 2>"$work/agent.err" &
 agent_pid=$!
 # Records reach the reader at the buffer watermark or after its 1000 ms bounded wait: allow seconds.
-wait_for 20 '[ "$(cat $zev/events/sched/sched_process_exec/enable 2>/dev/null)" = 1 ]' ||
+if ! wait_for 20 '[ "$(cat $zev/events/sched/sched_process_exec/enable 2>/dev/null)" = 1 ]'; then
+    grep -q "is in use by another ftrace-agent" "$work/agent.err" && { echo "SKIP: $(cat "$work/agent.err")"; exit 77; }
     fail "the exec event was not enabled: $(cat "$work/agent.err")"
+fi
 grep -q "loaded $prefix/module/libexec_logger.so" "$work/agent.log" || fail "the example module was not loaded"
 
 /bin/true &

@@ -6,5 +6,5 @@ cd "$(dirname "$0")/.."
 scripts/install-deps.sh
 scripts/mount-tracefs.sh
 cmake -S . -B build -DCMAKE_BUILD_TYPE=RelWithDebInfo >/dev/null
-cmake --build build -j"$(nproc)" --target ftrace-agent ftrace_module
-exec build/bin/ftrace-agent --module-dir=build/lib "$@"
+cmake --build build -j"$(nproc)" --target ftrace-agent
+exec build/bin/ftrace-agent "$@"

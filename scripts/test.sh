@@ -33,10 +33,13 @@ run_ctest() {  # run_ctest <build dir> [ctest args...]
     fi
 }
 
-build() {  # build <dir> [cmake args...]
+build() {  # build <dir> [cmake args...] [-- targets...]
     local dir=$1; shift
-    cmake -S "$root" -B "$dir" -DCMAKE_BUILD_TYPE=RelWithDebInfo "$@" >/dev/null
-    cmake --build "$dir" -j"$jobs"
+    local args=() targets=()
+    while [ $# -gt 0 ] && [ "$1" != "--" ]; do args+=("$1"); shift; done
+    [ $# -gt 0 ] && shift && targets=(--target "$@")
+    cmake -S "$root" -B "$dir" -DCMAKE_BUILD_TYPE=RelWithDebInfo "${args[@]}" >/dev/null
+    cmake --build "$dir" -j"$jobs" "${targets[@]}"
 }
 
 echo "== normal build"
@@ -56,7 +59,8 @@ if [ -z "${FTRACE_TEST_QUICK:-}" ]; then
 
     echo "== fuzzing (short runs)"
     build build-fuzz -DFTRACE_BUILD_FUZZ=ON -DFTRACE_BUILD_BENCH=OFF \
-        -DCMAKE_C_COMPILER=clang -DCMAKE_CXX_COMPILER=clang++
+        -DCMAKE_C_COMPILER=clang -DCMAKE_CXX_COMPILER=clang++ \
+        -- parse_cpus_fuzzer watch_path_fuzzer record_path_fuzzer
     run_ctest build-fuzz -L fuzz
 fi
 

@@ -84,11 +84,11 @@ int Task::EnqueueMsg(std::shared_ptr<Message>& message) {
         m_dropped.fetch_add(1, std::memory_order_relaxed);
         return 0;
     }
-    // Pairs with the fence in BeforeWait: either the consumer sees this
-    // message before it sleeps, or this producer sees the cleared flag.
-    std::atomic_thread_fence(std::memory_order_seq_cst);
-    if (!m_wakeup_pending.load(std::memory_order_relaxed) &&
-        !m_wakeup_pending.exchange(true, std::memory_order_relaxed)) {
+    // Pairs with the exchange in BeforeWait. Both sides read-modify-write the
+    // same flag, so one comes first: if the consumer's came first this
+    // producer reads the cleared flag and wakes it; otherwise the consumer's
+    // exchange acquires this one and it sees the message before it sleeps.
+    if (!m_wakeup_pending.exchange(true, std::memory_order_acq_rel)) {
         // Another task's thread wakes this one when it is about to wait
         // itself; any other thread at once.
         if (t_running_task != nullptr && t_running_task != this && m_wakeup_channel) {
@@ -130,8 +130,7 @@ bool Task::BeforeWait(void* context) {
     PayOwedWakeups();
     // Arm the wake-up, then look at the queue once more: a message enqueued
     // before the flag was cleared is seen here, and the wait only polls.
-    task->m_wakeup_pending.store(false, std::memory_order_relaxed);
-    std::atomic_thread_fence(std::memory_order_seq_cst);
+    task->m_wakeup_pending.exchange(false, std::memory_order_acq_rel);
     return !task->m_consumer.Queue().Empty();
 }
 

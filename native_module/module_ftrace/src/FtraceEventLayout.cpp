@@ -45,11 +45,11 @@ FtraceEventLayout::FtraceEventLayout(const FtraceEvent& event)
     // of a repeated key, as FtraceMessage::add keeps the first value.
     std::map<std::string, Source> numbers;
     std::map<std::string, Source> strings;
-    numbers.emplace("timestamp", Source{0, kTimestamp, false});
+    numbers.emplace("timestamp", Source{0, kTimestamp, false, false});
     for (const FtraceField field : FtraceEvent::FtraceEventFields(event)) {
         // An event without own fields yields one position that holds no field.
         if (!field) continue;
-        const Source source{field.offset(), field.size(), field.is_dynamic()};
+        const Source source{field.offset(), field.size(), field.is_dynamic(), false};
         if (field.is_array()) {
             strings.emplace(field.name(), source);
         } else {
@@ -61,8 +61,14 @@ FtraceEventLayout::FtraceEventLayout(const FtraceEvent& event)
         m_number_sources.push_back(entry.second);
     }
     for (auto& entry : strings) {
-        m_string_keys.emplace_hint(m_string_keys.end(), entry.first, std::string());
-        m_string_sources.push_back(entry.second);
+        // A fixed array's value always has the array's length: the prototype
+        // holds a string of that length, so that copying it sizes the value
+        // and reading only fills it in.
+        Source& source = entry.second;
+        source.presized = !source.dynamic && source.size > 0 && source.size <= kMostPresized;
+        m_string_keys.emplace_hint(m_string_keys.end(), entry.first,
+                                   source.presized ? std::string(static_cast<size_t>(source.size), '\0') : std::string());
+        m_string_sources.push_back(source);
     }
 }
 
@@ -89,7 +95,13 @@ void FtraceEventLayout::read(const FtraceRecord& record, Numbers& numbers, Strin
             length = location >> 16;
         }
         if (length != 0 && start + length <= record_size) {
-            entry.second.assign(reinterpret_cast<const char*>(data) + start, length);
+            if (source->presized) {
+                std::memcpy(&entry.second[0], data + start, length);
+            } else {
+                entry.second.assign(reinterpret_cast<const char*>(data) + start, length);
+            }
+        } else if (source->presized) {
+            entry.second.clear();
         }
         ++source;
     }

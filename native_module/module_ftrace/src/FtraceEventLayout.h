@@ -41,8 +41,10 @@ private:
         int offset;
         int size;
         bool dynamic;
+        bool presized;  // string sources: the prototype value already has `size` bytes
     };
     static constexpr int kTimestamp = -1;
+    static constexpr int kMostPresized = 4096;
 
     void read(const FtraceRecord& record, Numbers& numbers, Strings& strings) const;
 

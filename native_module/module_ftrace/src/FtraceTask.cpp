@@ -186,6 +186,12 @@ FtraceTask::EventRoute& FtraceTask::route(const FtraceEvent& event) {
     return it->second;
 }
 
+FtraceTask::DeliveryScope::DeliveryScope(FtraceTask& task) : m_task(task) { ++m_task.m_delivering; }
+
+FtraceTask::DeliveryScope::~DeliveryScope() {
+    if (--m_task.m_delivering == 0) m_task.m_retired_subscribers.clear();
+}
+
 std::unique_ptr<FtraceMessage> FtraceTask::create_ftrace_message(const FtraceRecord& record) {
     return route(record.event()).layout.make_message(record);
 }
@@ -197,13 +203,16 @@ void FtraceTask::send_ftrace_message(FtraceRecord& record) {
     if (route.generation != m_watch_generation) {
         // A record of an event nobody asked for leaves an empty entry behind.
         const std::set<std::string>& names = m_watches[std::make_pair(route.layout.system(), route.layout.event_name())];
-        route.subscribers = std::make_shared<const std::vector<std::string>>(names.begin(), names.end());
+        // A delivery further up this thread's stack may still walk the old list.
+        if (m_delivering > 0 && route.subscribers) m_retired_subscribers.push_back(std::move(route.subscribers));
+        route.subscribers = std::make_unique<const std::vector<std::string>>(names.begin(), names.end());
         route.generation = m_watch_generation;
     }
-    // Held for the loop: a registry change made while delivering replaces
-    // route.subscribers and leaves this copy alone.
-    const std::shared_ptr<const std::vector<std::string>> subscribers = route.subscribers;
-    for (const std::string& name : *subscribers) {
+    // Registry changes made while delivering (from a receiver's EnqueueMsg,
+    // say) replace route.subscribers and leave this list alone.
+    const std::vector<std::string>& subscribers = *route.subscribers;
+    DeliveryScope scope(*this);
+    for (const std::string& name : subscribers) {
         Poco::Util::Application& application = Poco::Util::Application::instance();
         if (&application != m_application || typeid(application) != *m_application_type) {
             m_engine = dynamic_cast<Framework::Engine*>(&application);

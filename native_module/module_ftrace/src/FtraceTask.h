@@ -69,8 +69,20 @@ private:
     struct EventRoute {
         explicit EventRoute(const FtraceEvent& event) : layout(event) {}
         FtraceEventLayout layout;
-        std::shared_ptr<const std::vector<std::string>> subscribers;
+        std::unique_ptr<const std::vector<std::string>> subscribers;
         uint64_t generation = 0;
+    };
+    // Marks a delivery in progress on this thread, so that subscriber lists
+    // replaced meanwhile are kept until the outermost delivery is done.
+    class DeliveryScope {
+    public:
+        explicit DeliveryScope(FtraceTask& task);
+        ~DeliveryScope();
+        DeliveryScope(const DeliveryScope&) = delete;
+        DeliveryScope& operator=(const DeliveryScope&) = delete;
+
+    private:
+        FtraceTask& m_task;
     };
     EventRoute& route(const FtraceEvent& event);
     void watches_changed() { ++m_watch_generation; }
@@ -85,6 +97,8 @@ private:
     const tep_event* m_last_event = nullptr;
     EventRoute* m_last_route = nullptr;  // nodes of m_routes do not move
     uint64_t m_watch_generation = 1;     // bumped on every change of m_watches
+    int m_delivering = 0;                // nesting depth of send_ftrace_message
+    std::vector<std::unique_ptr<const std::vector<std::string>>> m_retired_subscribers;
     // The application last cast to the engine, its dynamic type, and the result.
     const Poco::Util::Application* m_application = nullptr;
     const std::type_info* m_application_type = nullptr;

@@ -7,7 +7,7 @@ packages=(
   build-essential cmake pkg-config g++ clang libclang-rt-dev
   libtraceevent-dev libtracefs-dev libpoco-dev
   libgtest-dev libgmock-dev googletest libbenchmark-dev libconcurrentqueue-dev
-  linux-perf valgrind binutils python3 procps
+  linux-perf valgrind binutils python3 procps libjemalloc-dev
 )
 
 missing=()

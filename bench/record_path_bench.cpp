@@ -18,19 +18,23 @@
 #include <trace-seq.h>
 #include <unistd.h>
 
+#include <atomic>
 #include <chrono>
 #include <cstdio>
 #include <cstdlib>
 #include <cstring>
 #include <filesystem>
 #include <fstream>
+#include <functional>
 #include <map>
 #include <memory>
 #include <sstream>
 #include <stdexcept>
 #include <string>
+#include <thread>
 #include <vector>
 
+#include "AbstructMessage.h"
 #include "Framework/Engine.h"
 #include "Framework/Module.h"
 #include "Framework/Task.h"
@@ -74,15 +78,49 @@ public:
     Framework::MessageQueue& Queue() { return m_consumer.Queue(); }
 };
 
+// A subscriber that runs on its own thread like the agent's printing task
+// (same loop, same queue size) and only counts what it receives, so that the
+// messages are released on another thread, as they are in the agent.
+class LiveSubscriber : public Framework::Task, public Engine::AbstructMessage<Engine::FtraceMessage>::Receiver {
+public:
+    LiveSubscriber() : Framework::Task("bench_live_subscriber", "bench", Framework::TaskCondition::TASK_TYPE_REPORTER, 65536) {}
+    int Run() override {
+        while (state() != Poco::Task::TASK_CANCELLING) {
+            if (MessageEmpty()) GetEventWaiter().WaitAndHandleEvent(250, 16);
+            BulkConsumeMsg(1024);
+        }
+        return 0;
+    }
+    int Receive(Engine::FtraceMessage*) override {
+        received.fetch_add(1, std::memory_order_relaxed);
+        return 0;
+    }
+    std::atomic<size_t> received{0};
+};
+
+// Runs a benchmark body as a task's Run on the calling thread, so that the
+// framework treats the producer as the task thread it is in the agent.
+class ProducerTask : public Framework::Task {
+public:
+    ProducerTask() : Framework::Task("bench_producer", "bench", Framework::TaskCondition::TASK_TYPE_COLLECTOR, 2) {}
+    int Run() override {
+        body();
+        return 0;
+    }
+    std::function<void()> body;
+};
+
 class SubscriberModule : public Framework::Module {
 public:
     SubscriberModule() : Framework::Module("bench_subscriber") {}
     int Init() override {
         Framework::Module::Init();
         task = new QueueOnlyTask();
-        return RegisterTask(task, false);
+        live = new LiveSubscriber();
+        return RegisterTask(task, false) == 0 && RegisterTask(live, false) == 0 ? 0 : -1;
     }
     QueueOnlyTask* task = nullptr;
+    LiveSubscriber* live = nullptr;
 };
 
 struct CpuPages {
@@ -118,6 +156,8 @@ struct Bench {
         engine = std::make_unique<Framework::Engine>();
         module = new SubscriberModule();
         if (engine->AddModule(module) != 0) throw std::runtime_error("subscriber module did not start");
+        // Only the live subscriber has a thread; the queue-only task never runs.
+        if (engine->StartTasks() != 0) throw std::runtime_error("subscriber tasks did not start");
         task = std::make_unique<Engine::FtraceTask>();
         for (const char* event : kEvents) {
             if (task->AddWatch(module->task, "sched", event) != 0)
@@ -284,6 +324,41 @@ void BM_RecordPath(benchmark::State& state) {
     state.counters["drain_ns/record"] = records ? drain_seconds * 1e9 / static_cast<double>(records) : 0;
 }
 
+// The same with the messages going to a subscriber that runs meanwhile on
+// its own thread (the agent's arrangement): allocation and release now happen
+// on different threads, and the subscriber's wake-ups are part of the cost.
+void BM_RecordPathLiveSubscriber(benchmark::State& state) {
+    g_bench.Rewind();
+    Engine::FtraceTask* task = g_bench.task.get();
+    LiveSubscriber* live = g_bench.module->live;
+    for (const char* event : kEvents) {
+        task->RemoveWatch(g_bench.module->task, "sched", event);
+        task->AddWatch(live, "sched", event);
+    }
+    const size_t received_before = live->received.load();
+    const unsigned long dropped_before = live->DroppedMessages();
+    ProducerTask producer;
+    producer.body = [&] {
+        for (auto _ : state) {
+            const size_t index = g_bench.NextCpu();
+            const auto start = Clock::now();
+            g_bench.readers[index]->read_once(task->ftrace(), g_bench.cpus[index].fd,
+                                              &Engine::FtraceTask::handle_ftrace_record, task);
+            state.SetIterationTime(Seconds(start, Clock::now()));
+        }
+    };
+    producer.runTask();
+    // Let the subscriber catch up before counting.
+    for (int i = 0; i < 200 && !live->MessageEmpty(); ++i) std::this_thread::sleep_for(std::chrono::milliseconds(5));
+    const size_t records = live->received.load() - received_before;
+    for (const char* event : kEvents) {
+        task->RemoveWatch(live, "sched", event);
+        task->AddWatch(g_bench.module->task, "sched", event);
+    }
+    Finish(state, records);
+    state.counters["dropped"] = static_cast<double>(live->DroppedMessages() - dropped_before);
+}
+
 void BM_ConvertOnly(benchmark::State& state) {
     g_bench.Rewind();
     Engine::FtraceTask* task = g_bench.task.get();
@@ -331,6 +406,7 @@ public:
 BENCHMARK(BM_Floor)->UseManualTime();
 BENCHMARK(BM_ConvertOnly)->UseManualTime();
 BENCHMARK(BM_RecordPath)->UseManualTime();
+BENCHMARK(BM_RecordPathLiveSubscriber)->UseManualTime();
 BENCHMARK_TEMPLATE(BM_TextDecoder, false)->Name("BM_TextInfo")->UseManualTime();
 BENCHMARK_TEMPLATE(BM_TextDecoder, true)->Name("BM_TextTraceCmdLine")->UseManualTime();
 
@@ -354,6 +430,10 @@ int main(int argc, char** argv) {
     }
     size_t pages = 0;
     for (const CpuPages& cpu : g_bench.cpus) pages += cpu.pages;
+#ifndef FTRACE_BENCH_ALLOCATOR
+#define FTRACE_BENCH_ALLOCATOR "glibc"
+#endif
+    std::printf("allocator: %s\n", FTRACE_BENCH_ALLOCATOR);
     std::printf("captured pages: %zu on %zu CPUs (%s)\n", pages, g_bench.cpus.size(), data.c_str());
     {
         std::map<std::string, size_t> per_event;
@@ -380,9 +460,10 @@ int main(int argc, char** argv) {
         return it == r.end() ? 0.0 : it->second;
     };
     const double floor = value("BM_Floor"), ours = value("BM_RecordPath"), text = value("BM_TextInfo");
-    std::printf("\nns per record: floor %.1f, conversion only %.1f, record path %.1f, text (INFO) %.1f, "
-                "text (trace-cmd line) %.1f\n",
-                floor, value("BM_ConvertOnly"), ours, text, value("BM_TextTraceCmdLine"));
+    std::printf("\nns per record: floor %.1f, conversion only %.1f, record path %.1f, record path with a live "
+                "subscriber %.1f, text (INFO) %.1f, text (trace-cmd line) %.1f\n",
+                floor, value("BM_ConvertOnly"), ours, value("BM_RecordPathLiveSubscriber"), text,
+                value("BM_TextTraceCmdLine"));
     if (ours > 0) std::printf("record path: %.0f records/s\n", 1e9 / ours);
     if (floor > 0 && ours > 0) std::printf("ratio ours/floor: %.2f\n", ours / floor);
     if (ours > 0 && text > 0) std::printf("ratio text/ours:  %.2f\n", text / ours);

@@ -74,12 +74,9 @@ int Task::UnInit() { return 0; }
 
 int Task::EnqueueMsg(std::shared_ptr<Message>& message) {
     if (!message) return 0;
-    // EnqueueBulk with a reused one-element vector: Enqueue would allocate one
-    // per message. The slot takes its own reference; ours is dropped at once.
-    thread_local std::vector<std::shared_ptr<Message>> one(1);
-    one[0] = message;
-    const int queued = m_consumer.Queue().EnqueueBulk(one, 1);
-    one[0].reset();
+    // Enqueue would wrap the message in a new one-element vector; the slot
+    // takes its own reference straight from ours.
+    const int queued = m_consumer.Queue().EnqueueOne(message);
     if (queued != 1) {
         m_dropped.fetch_add(1, std::memory_order_relaxed);
         return 0;

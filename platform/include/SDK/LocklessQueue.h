@@ -73,33 +73,16 @@ public:
     // The count argument is ignored on purpose: the whole vector is attempted.
     virtual int EnqueueBulk(const std::vector<T>& items, int /*count*/) {
         if (m_buffer == nullptr) return 0;
-        const uint32_t wanted = static_cast<uint32_t>(items.size());
-        uint32_t head, next, n;
-        if (!m_single_producer) {
-            head = m_prod_head.load(std::memory_order_relaxed);
-            do {
-                const uint32_t cons_tail = m_cons_tail.load(std::memory_order_acquire);
-                const uint32_t room = m_capacity + cons_tail - head;
-                n = wanted < room ? wanted : room;
-                if (n == 0) return 0;
-                next = head + n;
-            } while (!m_prod_head.compare_exchange_weak(head, next, std::memory_order_relaxed,
-                                                        std::memory_order_relaxed));
-        } else {
-            head = m_prod_head.load(std::memory_order_relaxed);
-            const uint32_t cons_tail = m_cons_tail.load(std::memory_order_acquire);
-            const uint32_t room = m_capacity + cons_tail - head;
-            n = wanted < room ? wanted : room;
-            if (n == 0) return 0;
-            next = head + n;
-            m_prod_head.store(next, std::memory_order_relaxed);
-        }
-        _EnqueueElements(head, items, n);
-        if (!m_single_producer) {
-            while (m_prod_tail.load(std::memory_order_acquire) != head) SDK_LOCKLESS_QUEUE_PAUSE();
-        }
-        m_prod_tail.store(next, std::memory_order_release);
-        return static_cast<int>(n);
+        return Publish(static_cast<uint32_t>(items.size()),
+                       [&](uint32_t head, uint32_t n) { _EnqueueElements(head, items, n); });
+    }
+
+    // What Enqueue does, without the one-element vector: the same reservation
+    // and publication, one copy of `item` into its slot. Not virtual: for
+    // owners that know the queue's exact type (a task's inbound queue).
+    int EnqueueOne(const T& item) {
+        if (m_buffer == nullptr) return 0;
+        return Publish(1, [&](uint32_t head, uint32_t) { m_buffer[head & m_mask] = item; });
     }
 
     virtual int Dequeue(T& out) {
@@ -151,6 +134,38 @@ public:
     bool Empty() const { return Count() == 0; }
 
 protected:
+    // Reserves up to `wanted` slots, lets `fill(head, n)` write them and
+    // publishes them in reservation order. Returns n (0: no room).
+    template <typename Fill>
+    int Publish(uint32_t wanted, Fill&& fill) {
+        uint32_t head, next, n;
+        if (!m_single_producer) {
+            head = m_prod_head.load(std::memory_order_relaxed);
+            do {
+                const uint32_t cons_tail = m_cons_tail.load(std::memory_order_acquire);
+                const uint32_t room = m_capacity + cons_tail - head;
+                n = wanted < room ? wanted : room;
+                if (n == 0) return 0;
+                next = head + n;
+            } while (!m_prod_head.compare_exchange_weak(head, next, std::memory_order_relaxed,
+                                                        std::memory_order_relaxed));
+        } else {
+            head = m_prod_head.load(std::memory_order_relaxed);
+            const uint32_t cons_tail = m_cons_tail.load(std::memory_order_acquire);
+            const uint32_t room = m_capacity + cons_tail - head;
+            n = wanted < room ? wanted : room;
+            if (n == 0) return 0;
+            next = head + n;
+            m_prod_head.store(next, std::memory_order_relaxed);
+        }
+        fill(head, n);
+        if (!m_single_producer) {
+            while (m_prod_tail.load(std::memory_order_acquire) != head) SDK_LOCKLESS_QUEUE_PAUSE();
+        }
+        m_prod_tail.store(next, std::memory_order_release);
+        return static_cast<int>(n);
+    }
+
     // Lets tests start the counters just below the 2^32 wrap. Only on an unused queue.
     void SetCountersForTesting(uint32_t value) {
         m_prod_head = m_prod_tail = m_cons_head = m_cons_tail = value;

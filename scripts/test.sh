@@ -14,9 +14,26 @@ scripts/mount-tracefs.sh
 
 passed=0
 failed=0
+
+# An instance left by a killed agent would be adopted by the tests, with its
+# events and pid filter still set. Remove it first unless an agent is running.
+reset_zev() {
+    local zev=/sys/kernel/tracing/instances/ZEV
+    [ -d "$zev" ] || return 0
+    if pgrep -x ftrace-agent >/dev/null; then
+        echo "warning: an ftrace-agent is running; leaving instances/ZEV as it is" >&2
+        return 0
+    fi
+    echo "removing a leftover tracing instance ZEV before the tests"
+    echo 0 > "$zev/events/enable" 2>/dev/null || true
+    : > "$zev/set_event_pid" 2>/dev/null || true
+    rmdir "$zev" 2>/dev/null || echo "warning: could not remove $zev" >&2
+}
+
 run_ctest() {  # run_ctest <build dir> [ctest args...]
     local dir=$1; shift
     local log="$dir/ctest.log"
+    reset_zev
     set +e
     ctest --test-dir "$dir" --output-on-failure --timeout 600 -j2 "$@" 2>&1 | tee "$log"
     local rc=${PIPESTATUS[0]}

@@ -64,8 +64,12 @@ echo "== ftrace-agent --events=sched:sched_switch --format=none, perf bench sche
 "$AGENT" --module-dir="$WORK/modules" --events=sched:sched_switch --format=none --log-level=warning \
     > "$WORK/agent.out" 2> "$WORK/agent.err" &
 agent_pid=$!
-wait_for '[ "$(cat $ZEV/events/sched/sched_switch/enable 2>/dev/null)" = 1 ]' 10 ||
-    { echo "the agent did not enable sched_switch" >&2; cat "$WORK/agent.err" >&2; exit 1; }
+wait_for '[ "$(cat $ZEV/events/sched/sched_switch/enable 2>/dev/null)" = 1 ] || ! kill -0 $agent_pid 2>/dev/null' 10
+if ! kill -0 "$agent_pid" 2>/dev/null || [ "$(cat $ZEV/events/sched/sched_switch/enable 2>/dev/null)" != 1 ]; then
+    echo "the agent did not start tracing:" >&2
+    cat "$WORK/agent.err" >&2
+    exit 1
+fi
 # ZEV may have existed before (it is adopted then): count the difference.
 overrun0=$(zev_stat overrun); dropped0=$(zev_stat "dropped events")
 cpu0=$(cpu_ns "$agent_pid")

@@ -20,6 +20,11 @@ namespace {
 constexpr int kMessagesPerBatch = 1024;
 constexpr int kWaitTimeoutMs = 1000;
 constexpr int kEventsPerWait = 128;
+// Pages read from one CPU per drain. While events arrive faster than they are
+// decoded a CPU is never empty, and an unbounded drain would keep the loop
+// from its stop check and its watch requests for as long as that lasts. A
+// default per-CPU buffer (1.4 MiB) empties in two passes.
+constexpr int kPagesPerDrain = 256;
 // Poco::Task::TASK_CANCELLING: cancel() has been called.
 constexpr int kStateCancelling = 3;
 
@@ -105,7 +110,9 @@ int FtraceTask::Run() {
 
 int FtraceTask::read_ftrace_event(int fd, unsigned int /*events*/, void* context) {
     auto* reader = static_cast<FtracePerCPUReader*>(context);
-    while (reader->read_once(m_ftrace, fd, &FtraceTask::handle_ftrace_record, this) == 2) {
+    for (int pages = 0;
+         pages < kPagesPerDrain && reader->read_once(m_ftrace, fd, &FtraceTask::handle_ftrace_record, this) == 2;
+         ++pages) {
     }
     return 0;
 }

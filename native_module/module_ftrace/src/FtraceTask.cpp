@@ -23,8 +23,9 @@ constexpr int kEventsPerWait = 128;
 // Pages read from one CPU per drain. While events arrive faster than they are
 // decoded a CPU is never empty, and an unbounded drain would keep the loop
 // from its stop check and its watch requests for as long as that lasts. A
-// default per-CPU buffer (1.4 MiB) empties in two passes.
-constexpr int kPagesPerDrain = 256;
+// default per-CPU buffer (1.4 MiB) empties in three passes, which follow one
+// another without a wait while it stays above the poll watermark.
+constexpr int kPagesPerDrain = 128;
 // Poco::Task::TASK_CANCELLING: cancel() has been called.
 constexpr int kStateCancelling = 3;
 

@@ -39,7 +39,7 @@ bool WaitFor(const std::function<bool()>& done, int seconds) {
     return true;
 }
 
-struct SubscriberSpec {
+struct SubscriberSetup {
     std::string name;
     CountingSubscriber::Mode mode;
     unsigned int queue_slots;
@@ -47,28 +47,29 @@ struct SubscriberSpec {
 
 class SubscriberModule : public Framework::Module {
 public:
-    explicit SubscriberModule(std::vector<SubscriberSpec> specs)
-        : Framework::Module("reliability_subscribers"), m_specs(std::move(specs)) {}
+    explicit SubscriberModule(std::vector<SubscriberSetup> setups)
+        : Framework::Module("reliability_subscribers"), m_setups(std::move(setups)) {}
     int Init() override {
         Framework::Module::Init();
-        for (const auto& spec : m_specs) RegisterTask(new CountingSubscriber(spec.name, spec.mode, spec.queue_slots), false);
+        for (const auto& setup : m_setups)
+            RegisterTask(new CountingSubscriber(setup.name, setup.mode, setup.queue_slots), false);
         return 0;
     }
 
 private:
-    std::vector<SubscriberSpec> m_specs;
+    std::vector<SubscriberSetup> m_setups;
 };
 
 class ModuleFaultTest : public ::testing::Test {
 protected:
-    void Start(const std::vector<SubscriberSpec>& specs) {
+    void Start(const std::vector<SubscriberSetup>& setups) {
         if (geteuid() != 0 || access(TracefsProbe::kTracing.c_str(), W_OK) != 0) GTEST_SKIP() << "needs root and tracefs";
         ASSERT_FALSE(TracefsProbe::InstanceExists(kInstance)) << "instance ZEV is in use by someone else";
         m_top_set_event = TracefsProbe::Read(TracefsProbe::kTracing + "/set_event");
         m_engine = std::make_unique<Framework::Engine>();
         std::string error;
         ASSERT_EQ(m_engine->LoadModule(kLibrary, &error), 0) << error;
-        ASSERT_EQ(m_engine->AddModule(new SubscriberModule(specs)), 0);
+        ASSERT_EQ(m_engine->AddModule(new SubscriberModule(setups)), 0);
         ASSERT_EQ(m_engine->StartTasks(), 0);
         m_ftrace = m_engine->FindTask("ftrace_task");
         ASSERT_NE(m_ftrace, nullptr);

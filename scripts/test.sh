@@ -35,7 +35,10 @@ run_ctest() {  # run_ctest <build dir> [ctest args...]
     local log="$dir/ctest.log"
     reset_zev
     set +e
-    ctest --test-dir "$dir" --output-on-failure --timeout 600 -j2 "$@" 2>&1 | tee "$log"
+    # Tests share the tracing instance ZEV: a second test run on this host
+    # waits for the first instead of disturbing it.
+    flock /tmp/ftrace-zev.lock \
+        ctest --test-dir "$dir" --output-on-failure --timeout 600 -j2 "$@" 2>&1 | tee "$log"
     local rc=${PIPESTATUS[0]}
     set -e
     local line total nfail

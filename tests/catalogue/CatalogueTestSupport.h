@@ -1,5 +1,5 @@
 #pragma once
-// Shared by the catalogue tests: a capture of log lines on a Poco logger, and
+// Shared by the catalogue tests: file helpers, the "ftrace" logger's lines, and
 // a temporary tracing directory holding copies of the committed format files.
 
 #include <Poco/AutoPtr.h>
@@ -32,29 +32,16 @@ inline void WriteAll(const std::string& path, const std::string& text) {
     std::ofstream(path, std::ios::binary | std::ios::trunc) << text;
 }
 
-// Every line written to one logger while it lives; the logger's channel and
-// level are put back afterwards.
+// "<priority> <text>" of every line the "ftrace" logger writes from now on.
 class LogCapture : public Poco::Channel {
 public:
-    static Poco::AutoPtr<LogCapture> On(Poco::Logger& logger) {
-        Poco::AutoPtr<LogCapture> capture(new LogCapture(logger));
-        logger.setChannel(capture);
-        logger.setLevel(Poco::Message::PRIO_TRACE);
+    static Poco::AutoPtr<LogCapture> Start() {
+        Poco::AutoPtr<LogCapture> capture(new LogCapture);
+        Poco::Logger::get("ftrace").setChannel(capture);
         return capture;
     }
-    void log(const Poco::Message& message) override { lines.push_back(message); }
-    void Release() {
-        m_logger.setChannel(m_previous_channel);
-        m_logger.setLevel(m_previous_level);
-    }
-    std::vector<Poco::Message> lines;
-
-private:
-    explicit LogCapture(Poco::Logger& logger)
-        : m_logger(logger), m_previous_channel(logger.getChannel()), m_previous_level(logger.getLevel()) {}
-    Poco::Logger& m_logger;
-    Poco::AutoPtr<Poco::Channel> m_previous_channel;
-    int m_previous_level;
+    void log(const Poco::Message& m) override { lines.push_back(std::to_string(m.getPriority()) + " " + m.getText()); }
+    std::vector<std::string> lines;
 };
 
 // <tmp>/instances/<instance>/ with events/<system>/<event>/{format,enable} for

@@ -1,12 +1,11 @@
 #pragma once
-// Shared helpers of the task tests: a log channel that records lines, a
-// subscriber task, and small tracefs file helpers.
+// Shared helpers of the task tests: the "ftrace" logger's lines, a subscriber
+// task, and small tracefs file helpers.
 
 #include <Poco/AutoPtr.h>
 #include <Poco/Channel.h>
 #include <Poco/Logger.h>
 #include <Poco/Message.h>
-#include <sys/stat.h>
 
 #include <chrono>
 #include <fstream>
@@ -24,36 +23,32 @@
 
 namespace tasktest {
 
-// Keeps "<priority> <text>" for every line whose priority is at or above `max_priority`.
+// "<priority> <text>" of every line a logger hands it, from any thread.
 class CapturingChannel : public Poco::Channel {
 public:
-    explicit CapturingChannel(int max_priority) : m_max(max_priority) {}
     void log(const Poco::Message& msg) override {
-        if (msg.getPriority() > m_max) return;
         std::lock_guard<std::mutex> lock(m_mutex);
         m_lines.push_back(std::to_string(msg.getPriority()) + " " + msg.getText());
     }
-    std::vector<std::string> take() {
+    std::vector<std::string> lines(bool clear = false) {
         std::lock_guard<std::mutex> lock(m_mutex);
-        return std::move(m_lines);
-    }
-    std::vector<std::string> lines() {
-        std::lock_guard<std::mutex> lock(m_mutex);
-        return m_lines;
+        std::vector<std::string> copy = m_lines;
+        if (clear) m_lines.clear();
+        return copy;
     }
 
 private:
-    int m_max;
     std::mutex m_mutex;
     std::vector<std::string> m_lines;
 };
 
-// Creates (or resets) the "ftrace" logger at trace level with a capturing channel.
-inline Poco::AutoPtr<CapturingChannel> CaptureFtraceLog(int max_priority) {
-    Poco::AutoPtr<CapturingChannel> channel(new CapturingChannel(max_priority));
+// Creates the "ftrace" logger (the module logs nothing without it), admitting
+// lines up to `level`, into a new capturing channel.
+inline Poco::AutoPtr<CapturingChannel> CaptureFtraceLog(int level) {
+    Poco::AutoPtr<CapturingChannel> channel(new CapturingChannel);
     Poco::Logger* logger = SDK::LoggerUtils::GetInstance()->GetModuleLogger("ftrace", true);
     logger->setChannel(channel);
-    logger->setLevel(Poco::Message::PRIO_TRACE);
+    logger->setLevel(level);
     return channel;
 }
 
@@ -66,24 +61,25 @@ inline std::string ReadText(const std::string& path) {
 
 const std::string kInstanceDir = "/sys/kernel/tracing/instances/ZEV";
 
-inline bool Exists(const std::string& path) {
-    struct stat st;
-    return stat(path.c_str(), &st) == 0;
-}
-
 inline std::string EnableState(const std::string& system, const std::string& event) {
-    std::string text = ReadText(kInstanceDir + "/events/" + system + "/" + event + "/enable");
-    return text.substr(0, 1);
+    return ReadText(kInstanceDir + "/events/" + system + "/" + event + "/enable").substr(0, 1);
 }
 
-inline bool WaitFor(const std::function<bool()>& done, int seconds = 10) {
-    const auto deadline = std::chrono::steady_clock::now() + std::chrono::seconds(seconds);
+inline bool WaitFor(const std::function<bool()>& done) {
+    const auto deadline = std::chrono::steady_clock::now() + std::chrono::seconds(10);
     while (!done()) {
         if (std::chrono::steady_clock::now() > deadline) return false;
         std::this_thread::sleep_for(std::chrono::milliseconds(20));
     }
     return true;
 }
+
+class PlainTask : public Framework::Task {
+public:
+    explicit PlainTask(const std::string& name)
+        : Framework::Task(name, "test_feature", Framework::TaskCondition::TASK_TYPE_NORMAL, 16) {}
+    int Run() override { return 0; }
+};
 
 // A task that implements the trace-message receiver and keeps every trace
 // message it is handed (by shared owner, so that addresses stay comparable).

@@ -1,0 +1,250 @@
+// Events, tasks and the engine with real module objects: ownership of event
+// callbacks and descriptors, message consumption with failing handlers, the
+// wake-up of a waiting task, module loading, tasks that talk by name, the
+// order of shutdown and failed modules. Stop requests by signal are left to
+// the agent's tests, which stop a real agent with SIGINT and SIGTERM.
+#include <dlfcn.h>
+#include <fcntl.h>
+#include <gmock/gmock.h>
+#include <gtest/gtest.h>
+#include <sys/eventfd.h>
+#include <unistd.h>
+
+#include <algorithm>
+#include <atomic>
+#include <chrono>
+#include <functional>
+#include <stdexcept>
+#include <thread>
+#include <vector>
+
+#include "Framework/Engine.h"
+#include "Framework/Event.h"
+#include "Framework/EventCallback.h"
+#include "Framework/Module.h"
+#include "Framework/Task.h"
+
+namespace {
+
+using ::testing::ElementsAre;
+using ::testing::HasSubstr;
+
+bool IsOpen(int fd) { return ::fcntl(fd, F_GETFD) != -1; }
+
+bool IsLoaded(const char* path) {
+    void* handle = ::dlopen(path, RTLD_NOW | RTLD_NOLOAD);
+    if (handle != nullptr) ::dlclose(handle);
+    return handle != nullptr;
+}
+
+// Waits up to 10 s for `condition`.
+bool Eventually(const std::function<bool()>& condition) {
+    const auto deadline = std::chrono::steady_clock::now() + std::chrono::seconds(10);
+    while (!condition()) {
+        if (std::chrono::steady_clock::now() > deadline) return false;
+        std::this_thread::sleep_for(std::chrono::milliseconds(1));
+    }
+    return true;
+}
+
+bool JournalHas(const Framework::Engine& engine, const std::string& line) {
+    return Eventually([&] {
+        const auto journal = engine.Journal();
+        return std::find(journal.begin(), journal.end(), line) != journal.end();
+    });
+}
+
+// Counts its own destructions, to prove each event deletes its callback once.
+class CountedCallback : public Framework::AbstractEventCallback {
+public:
+    explicit CountedCallback(int* destroyed) : m_destroyed(destroyed) {}
+    ~CountedCallback() override { ++*m_destroyed; }
+    int invoke(int, unsigned int, void*) const override { return 0; }
+
+private:
+    int* m_destroyed;
+};
+
+TEST(Event, OwnsCallbackAndDescriptorAcrossMoves) {
+    int destroyed = 0;
+    int fds[3];
+    {
+        std::vector<Framework::Event> events;
+        events.reserve(1);  // the next emplace_back grows the vector: events are moved
+        for (int& fd : fds) {
+            fd = ::eventfd(0, EFD_CLOEXEC);
+            events.emplace_back(new CountedCallback(&destroyed), nullptr, fd);
+        }
+        Framework::Event moved(std::move(events[0]));
+        events.erase(events.begin());  // destroys the moved-from shell and shifts the others
+        EXPECT_TRUE(IsOpen(fds[0]));
+        EXPECT_EQ(destroyed, 0);
+    }
+    EXPECT_EQ(destroyed, 3);
+    for (int fd : fds) EXPECT_FALSE(IsOpen(fd));
+}
+
+enum class Behaviour { Ok, Fails, ThrowsStd, ThrowsOther, Intercepted };
+
+class ScriptedMessage : public Framework::Message {
+public:
+    ScriptedMessage(Behaviour b, int id, std::vector<int>* handled) : behaviour(b), m_id(id), m_handled(handled) {}
+    int MessageHandle(void*) override {
+        switch (behaviour) {
+            case Behaviour::Fails: return -1;
+            case Behaviour::ThrowsStd: throw std::runtime_error("handler failed");
+            case Behaviour::ThrowsOther: throw 42;
+            default: if (m_handled != nullptr) m_handled->push_back(m_id); return 0;
+        }
+    }
+    const Behaviour behaviour;
+
+private:
+    int m_id;
+    std::vector<int>* m_handled;
+};
+
+// Serves its queue as the agent's tasks do: sleep while it is empty, else consume.
+class LoopTask : public Framework::Task {
+public:
+    explicit LoopTask(const std::string& name, unsigned int queue_size = 64)
+        : Task(name, "test_feature", Framework::TaskCondition::TASK_TYPE_NORMAL, queue_size) {}
+    int Run() override {
+        while (state() != TASK_CANCELLING) {
+            if (MessageEmpty()) {
+                waits.fetch_add(1);
+                // No time-out: only a wake-up (a message, or the engine's stop) ends the wait.
+                GetEventWaiter().WaitAndHandleEvent(-1, 128);
+            } else {
+                BulkConsumeMsg(1024);
+            }
+        }
+        if (throw_at_end) throw std::runtime_error("Run failed");
+        return 0;
+    }
+    int InterceptMsg(std::shared_ptr<Framework::Message>& m) override {
+        auto* scripted = dynamic_cast<ScriptedMessage*>(m.get());
+        return scripted != nullptr && scripted->behaviour == Behaviour::Intercepted ? 1 : 0;
+    }
+    int HandleMsg(const Framework::Message*) override { return ++after_handle; }
+
+    std::atomic<int> waits{0};
+    int after_handle = 0;
+    bool throw_at_end = false;
+};
+
+TEST(Task, FailingOrThrowingHandlersDoNotStopTheConsumerAndAFullQueueRefuses) {
+    const Behaviour script[] = {Behaviour::Ok,          Behaviour::Fails,       Behaviour::ThrowsStd,
+                                Behaviour::Intercepted, Behaviour::ThrowsOther, Behaviour::Ok};
+    LoopTask task("loop_task", 8);
+    std::vector<int> handled;
+    std::vector<std::shared_ptr<Framework::Message>> sent;
+    for (int i = 0; i < 9; ++i) {
+        sent.push_back(std::make_shared<ScriptedMessage>(i < 6 ? script[i] : Behaviour::Ok, i, &handled));
+        EXPECT_EQ(task.EnqueueMsg(sent.back()), i < 8 ? 1 : 0);
+    }
+    std::shared_ptr<Framework::Message> null_message;
+    EXPECT_EQ(task.EnqueueMsg(null_message), 0);
+    EXPECT_EQ(task.DroppedMessages(), 1u);
+
+    EXPECT_EQ(task.BulkConsumeMsg(7), 7);
+    EXPECT_EQ(task.BulkConsumeMsg(-1), 1);
+    EXPECT_EQ(handled, (std::vector<int>{0, 5, 6, 7}));
+    EXPECT_EQ(task.after_handle, 5);  // after the Ok and failing handlers; not after throws or interception
+    for (const auto& m : sent) EXPECT_EQ(m.use_count(), 1);  // the task let go of every message
+}
+
+TEST(Task, EnqueueWakesATaskWaitingForEvents) {
+    LoopTask task("loop_task");
+    task.throw_at_end = true;  // runTask must not let it out of the thread
+    std::vector<int> handled;  // read after the join
+    std::thread thread([&] { task.runTask(); });
+    for (int round = 0; round < 3 && !HasFailure(); ++round) {  // a failure still joins the thread
+        EXPECT_TRUE(Eventually([&] { return task.waits.load() > round; }));  // asleep again
+        std::this_thread::sleep_for(std::chrono::milliseconds(50));  // let it reach epoll_wait
+        const auto sent_at = std::chrono::steady_clock::now();
+        std::shared_ptr<Framework::Message> m = std::make_shared<ScriptedMessage>(Behaviour::Ok, round, &handled);
+        EXPECT_EQ(task.EnqueueMsg(m), 1);
+        EXPECT_TRUE(Eventually([&] { return task.MessageEmpty(); }));
+        EXPECT_LT(std::chrono::steady_clock::now() - sent_at, std::chrono::milliseconds(500)) << "round " << round;
+    }
+    task.cancel();
+    task.Wakeup();
+    thread.join();
+    EXPECT_EQ(handled, (std::vector<int>{0, 1, 2}));
+}
+
+class ProbeModule : public Framework::Module {
+public:
+    ProbeModule() : Module("probe_module") {}
+    int Init() override { return RegisterTask(new LoopTask("probe_task"), true); }
+};
+
+// lifecycle_task answers a message with a "hello" to probe_task. Both wait
+// without a time-out: the hello arrives only if the lifecycle task's thread
+// wakes the task it enqueued to.
+TEST(Engine, RunsModuleTasksThatTalkByNameAndShutsDownInOrder) {
+    {
+        Framework::Engine engine;
+        std::string error;
+        ASSERT_EQ(engine.LoadModule(LIFECYCLE_MODULE_PATH, &error), 0) << error;
+        ASSERT_EQ(engine.StartTasks(), 0);
+        ASSERT_EQ(engine.AddModule(new ProbeModule), 0);  // start_now while running: starts at once
+        std::shared_ptr<Framework::Message> ping = std::make_shared<ScriptedMessage>(Behaviour::Ok, 0, nullptr);
+        ASSERT_EQ(engine.FindTask("lifecycle_task")->EnqueueMsg(ping), 1);
+        ASSERT_TRUE(JournalHas(engine, "probe_task handled hello"));
+        engine.Shutdown();
+        EXPECT_EQ(engine.FindTask("lifecycle_task"), nullptr);
+        EXPECT_THAT(engine.Journal(),
+                    ElementsAre("module lifecycle_module Init", "task lifecycle_task registered",
+                                "task lifecycle_task Init", "task lifecycle_task start", "module probe_module Init",
+                                "task probe_task registered", "task probe_task Init", "task probe_task start",
+                                "probe_task handled hello", "task lifecycle_task cancel", "task probe_task cancel",
+                                "task lifecycle_task stopped", "task probe_task stopped", "task probe_task UnInit",
+                                "task lifecycle_task UnInit", "lifecycle_task: UnInit after Run",
+                                "module probe_module UnInit", "module lifecycle_module UnInit",
+                                "task probe_task delete", "task lifecycle_task delete", "lifecycle_task: destroyed",
+                                "module probe_module delete", "module lifecycle_module delete",
+                                "lifecycle_module: destroyed", "module lifecycle_module unload"));
+    }
+    EXPECT_FALSE(IsLoaded(LIFECYCLE_MODULE_PATH));
+}
+
+TEST(Engine, ModulesThatCannotStartAreUnloadedWithTheReason) {
+    const struct {
+        const char* path;
+        const char* error;
+    } cases[] = {
+        {"/nonexistent/libnothing.so", "/nonexistent/libnothing.so: cannot open shared object file"},
+        {SDK_LIBRARY_PATH, "undefined symbol: CreateModule"},
+        {FAILING_MODULE_PATH, "Init returned -1"},
+    };
+    Framework::Engine engine;
+    for (const auto& c : cases) {
+        std::string error;
+        EXPECT_EQ(engine.LoadModule(c.path, &error), -1) << c.path;
+        EXPECT_THAT(error, HasSubstr(c.error));
+    }
+    EXPECT_TRUE(engine.TaskNames().empty());
+    EXPECT_FALSE(IsLoaded(FAILING_MODULE_PATH));
+    // The task registered by the failed Init is freed before the module's code is unmapped.
+    EXPECT_THAT(engine.Journal(),
+                ElementsAre("module failing_module Init", "task failing_task registered",
+                            "module failing_module Init failed", "task failing_task dropped",
+                            "failing_task: destroyed", "module failing_module delete", "failing_module: destroyed",
+                            "module failing_module unload"));
+}
+
+// Shutdown right after start: the cancel often lands before Poco's run() has
+// set TASK_RUNNING; the engine must still stop the task.
+TEST(Engine, ShutdownStopsTasksCancelledBeforeTheyRan) {
+    for (int round = 0; round < 5; ++round) {
+        Framework::Engine engine;
+        ASSERT_EQ(engine.AddModule(new ProbeModule), 0);
+        ASSERT_EQ(engine.StartTasks(), 0);
+        engine.Shutdown();
+        EXPECT_TRUE(JournalHas(engine, "task probe_task stopped"));
+    }
+}
+
+}  // namespace

@@ -1,8 +1,8 @@
 #pragma once
-// ftrace-agent (or a wrapper such as valgrind in front of it) as a child
-// process. Its standard output is split into lines and handed to a callback
-// on a reader thread as it arrives, so that a chatty agent never blocks on a
-// full pipe; its standard error is kept whole.
+// ftrace-agent of this build as a child process. Its standard output goes,
+// line by line as it arrives, to a handler on a reader thread (so that a
+// chatty agent never blocks on a full pipe), or without one is kept whole;
+// its standard error is kept whole.
 
 #include <sys/types.h>
 
@@ -17,34 +17,32 @@ class AgentProcess {
 public:
     using LineHandler = std::function<void(const char* line, size_t length)>;
 
-    // argv[0] is the program; `environment` entries ("NAME=value") are added
-    // to this process's. The handler runs on the reader thread.
-    AgentProcess(std::vector<std::string> argv, LineHandler on_line, std::vector<std::string> environment = {});
+    // Runs `wrapper` (valgrind, setpriv, env and their arguments) in front of
+    // the agent when given. The agent loads the build's module directory.
+    explicit AgentProcess(const std::vector<std::string>& options, LineHandler on_line = nullptr,
+                          std::vector<std::string> wrapper = {});
     ~AgentProcess();  // SIGTERM if still running (SIGKILL after 10 s), then reaped
     AgentProcess(const AgentProcess&) = delete;
     AgentProcess& operator=(const AgentProcess&) = delete;
 
     pid_t Pid() const { return m_pid; }
-    bool Running();
     void Signal(int signal_number) const;
-    // Exit status (128 + signal when killed by one), or -1 when it did not end
-    // in time; waits for both output pipes to close as well.
+    // Exit status (128 + signal when killed by one), or -1 while it still
+    // runs after `timeout`; once it ended, its output is read to the end.
     int Wait(std::chrono::milliseconds timeout);
-    std::string Stderr();
-
-    // ftrace-agent of this build.
-    static std::string AgentPath();
-    static std::string ModuleDir();
+    bool Running() { return Wait(std::chrono::milliseconds(0)) < 0; }
+    std::string Stdout();
+    std::string Stderr() const;
 
 private:
-    void ReadOutput(int fd, bool is_stdout);
+    void ReadStdout(int fd);
 
     pid_t m_pid = -1;
     int m_status = -1;
     bool m_reaped = false;
+    int m_stderr = -1;  // a memory file
     LineHandler m_on_line;
     std::mutex m_mutex;
-    std::string m_stderr;
-    std::thread m_stdout_reader;
-    std::thread m_stderr_reader;
+    std::string m_stdout;
+    std::thread m_reader;
 };

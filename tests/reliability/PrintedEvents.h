@@ -8,8 +8,8 @@
 #include <atomic>
 #include <cstdint>
 #include <mutex>
-#include <string_view>
-#include <unordered_set>
+#include <set>
+#include <utility>
 
 class PrintedEvents {
 public:
@@ -21,11 +21,8 @@ public:
     uint64_t Switches() const { return m_switches; }
 
 private:
-    void Add(std::unordered_set<pid_t>& pids, std::string_view rest);
-
     mutable std::mutex m_mutex;
-    std::unordered_set<pid_t> m_exec;
-    std::unordered_set<pid_t> m_exit;
+    std::set<std::pair<bool, pid_t>> m_processes;  // (exec, pid)
     std::atomic<uint64_t> m_lines{0};
     std::atomic<uint64_t> m_switches{0};
 };

@@ -15,16 +15,13 @@ public:
     FuzzTracingDir(const FuzzTracingDir&) = delete;
     FuzzTracingDir& operator=(const FuzzTracingDir&) = delete;
 
-    const std::string& Root() const { return m_root; }
-    std::string InstanceDir(const std::string& instance) const;
-
-    // Into the existing <root>/instances/<instance>: events/<system>/<event>/
-    // with the fixture's format and an empty enable file, and empty set_event
-    // and set_event_pid files.
+    std::string InstanceDir(const std::string& instance) const { return m_root + "/instances/" + instance; }
+    // Into the existing instance directory: events/<system>/<event>/ with the
+    // fixture's format and an empty enable file, empty set_event and set_event_pid.
     void Populate(const std::string& instance) const;
-    // Removes what Populate made, leaving the instance directory empty.
+    // Empties the instance directory: unlike the kernel's, a plain directory
+    // cannot be removed with files in it.
     void Empty(const std::string& instance) const;
-
     // (system, event) of every committed format, sorted.
     const std::vector<std::pair<std::string, std::string>>& Fixtures() const { return m_fixtures; }
 

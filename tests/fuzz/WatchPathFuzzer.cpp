@@ -14,15 +14,12 @@
 
 #include <Poco/AutoPtr.h>
 #include <Poco/Logger.h>
-#include <Poco/Message.h>
 #include <Poco/NullChannel.h>
 
-#include <cstdint>
-#include <cstdio>
-#include <cstdlib>
 #include <filesystem>
 #include <fstream>
 #include <iostream>
+#include <iterator>
 #include <map>
 #include <memory>
 #include <optional>
@@ -33,6 +30,7 @@
 
 #include "FtraceTask.h"
 #include "FtraceWatchMessage.h"
+#include "FuzzInput.h"
 #include "FuzzTracingDir.h"
 #include "SDK/LoggerUtils.h"
 
@@ -58,25 +56,6 @@ const char* const kTokens[] = {
     "task_rename", "signal", "signal_generate", "timer", "hrtimer_start", "nope", "SCHED", "/", "..", ".",
     ":", " ", "\n", "!", "*", "format", "enable", "events", "instances", "ZEV",
 };
-constexpr size_t kTokenCount = sizeof kTokens / sizeof kTokens[0];
-constexpr size_t kMaxRequests = 48;
-
-class Input {
-public:
-    Input(const uint8_t* data, size_t size) : m_data(data), m_size(size) {}
-    bool Done() const { return m_at >= m_size; }
-    uint8_t Byte() { return m_at < m_size ? m_data[m_at++] : 0; }
-    std::string Chunk(size_t length) {
-        std::string text;
-        while (text.size() < length && !Done()) text += static_cast<char>(Byte());
-        return text;
-    }
-
-private:
-    const uint8_t* m_data;
-    size_t m_size;
-    size_t m_at = 0;
-};
 
 // What open() and libtraceevent see of a std::string.
 std::string CString(const std::string& text) { return text.substr(0, text.find('\0')); }
@@ -86,11 +65,9 @@ std::string CString(const std::string& text) { return text.substr(0, text.find('
 bool StaysInside(const std::string& relative, int depth) {
     std::istringstream parts(relative);
     for (std::string part; std::getline(parts, part, '/');) {
-        if (part == "..") {
-            if (--depth < 0) return false;
-        } else if (!part.empty() && part != ".") {
-            ++depth;
-        }
+        if (part == "..") depth -= 1;
+        else if (!part.empty() && part != ".") depth += 1;
+        if (depth < 0) return false;
     }
     return true;
 }
@@ -100,29 +77,6 @@ std::string ReadAll(const std::string& path) {
     std::ostringstream text;
     text << in.rdbuf();
     return text.str();
-}
-
-// The "name:" line of a format file.
-std::string FormatName(const std::string& path) {
-    std::istringstream lines(ReadAll(path));
-    for (std::string line; std::getline(lines, line);)
-        if (line.rfind("name: ", 0) == 0) return line.substr(6);
-    return std::string();
-}
-
-[[noreturn]] void Mismatch(const std::string& what) {
-    std::fprintf(stderr, "watch path differs from the model: %s\n", what.c_str());
-    std::abort();
-}
-
-std::string Show(const Registry& registry) {
-    std::string text;
-    for (const auto& [key, names] : registry) {
-        text += "(" + key.first + "|" + key.second + "):";
-        for (const auto& name : names) text += " " + name;
-        text += "\n";
-    }
-    return text;
 }
 
 // The registry of the task and the files the kernel would see, predicted.
@@ -149,9 +103,8 @@ public:
     }
 
     void Clear() {
-        for (const auto& entry : m_registry) {
+        for (const auto& entry : m_registry)
             if (const auto found = Find(entry.first.first, entry.first.second)) Disable(*found);
-        }
         m_registry.clear();
     }
 
@@ -162,22 +115,22 @@ public:
 private:
     // As Ftrace::get_event: an event parsed earlier under the same system and
     // name, else the format file the names lead to, parsed under the given
-    // system and the name the file states.
+    // system and the name its "name:" line states.
     std::optional<Key> Find(const std::string& system, const std::string& event) {
         const Key asked(CString(system), CString(event));
         if (m_loaded.count(asked)) return asked;
         const std::string path = CString(m_dir + "/events/" + system + "/" + event + "/format");
         std::error_code error;
         if (!fs::is_regular_file(path, error)) return std::nullopt;
-        const std::string name = FormatName(path);
+        std::istringstream lines(ReadAll(path));
+        std::string name;
+        for (std::string line; name.empty() && std::getline(lines, line);)
+            if (line.rfind("name: ", 0) == 0) name = line.substr(6);
         if (name.empty()) return std::nullopt;
-        const Key loaded(asked.first, name);
-        m_loaded.insert(loaded);
-        return loaded;
+        return *m_loaded.emplace(asked.first, name).first;
     }
 
-    // As Ftrace::remove: "0" into the enable file next to the event's format,
-    // if there is one.
+    // As Ftrace::remove: "0" into the enable file next to the event's format, if there is one.
     void Disable(const Key& event) {
         const std::string path = m_dir + "/events/" + event.first + "/" + event.second + "/enable";
         std::error_code error;
@@ -202,102 +155,76 @@ struct Fixture {
     }
     FuzzTracingDir dir;
     NamedTask watchers[3] = {NamedTask("task_a"), NamedTask("task_b"), NamedTask("task_c")};
-    NamedTask stranger{"not_the_ftrace_task"};
 };
 
-Fixture& Shared() {
-    static Fixture fixture;
-    return fixture;
-}
-
-std::string Name(Input& in) {
+std::string Name(FuzzInput& in) {
     std::string name;
-    const int pieces = 1 + in.Byte() % 5;
-    for (int i = 0; i < pieces; ++i) {
+    for (int pieces = 1 + in.Byte() % 5; pieces > 0; --pieces) {
         const uint8_t pick = in.Byte();
         if (pick < 16) {
-            name += in.Chunk(pick % 8);  // raw bytes, NUL and all
+            const auto raw = in.Take(pick % 8);  // NUL and all
+            name.append(raw.begin(), raw.end());
         } else {
-            name += kTokens[pick % kTokenCount];
+            name += kTokens[pick % std::size(kTokens)];
         }
     }
     return name;
 }
 
 // A request's names: mostly a committed event, sometimes bent, sometimes free.
-Key Names(Input& in, const FuzzTracingDir& dir) {
+Key Names(FuzzInput& in, const FuzzTracingDir& dir) {
     const uint8_t mode = in.Byte();
-    const auto& fixture = dir.Fixtures()[(mode >> 2) % dir.Fixtures().size()];
-    switch (mode & 3) {
-        case 0:
-        case 1:
-            return fixture;
-        case 2: {
-            Key bent = fixture;
-            std::string& part = (in.Byte() & 1) ? bent.first : bent.second;
-            const std::string extra = Name(in);
-            part = (in.Byte() & 1) ? extra + part : part + extra;
-            return bent;
-        }
-        default: {
-            std::string system = Name(in);
-            return Key(system, Name(in));
-        }
+    Key names = dir.Fixtures()[(mode >> 2) % dir.Fixtures().size()];
+    if ((mode & 3) == 2) {
+        std::string& part = (in.Byte() & 1) ? names.first : names.second;
+        const std::string extra = Name(in);
+        part = (in.Byte() & 1) ? extra + part : part + extra;
+    } else if ((mode & 3) == 3) {
+        names.first = Name(in);
+        names.second = Name(in);
     }
-}
-
-void Expect(bool same, const std::string& what) {
-    if (!same) Mismatch(what);
+    return names;
 }
 
 }  // namespace
 
 extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
-    Fixture& shared = Shared();
+    static Fixture shared;
     const std::string instance_dir = shared.dir.InstanceDir("ZEV");
-
     auto task = std::make_unique<Engine::FtraceTask>();
-    Expect(task->ftrace().tracefs().IsValid() && task->ftrace().tracefs().IsCreated(), "ZEV was not created");
+    FuzzCheck(task->ftrace().tracefs().IsValid() && task->ftrace().tracefs().IsCreated(), "ZEV was not created");
     shared.dir.Populate("ZEV");
     Model model(instance_dir);
 
-    Input in(data, size);
-    for (size_t request = 0; request < kMaxRequests && !in.Done(); ++request) {
+    FuzzInput in(data, size);
+    for (int request = 0; request < 48 && !in.Done(); ++request) {
         const uint8_t how = in.Byte();
-        const uint8_t who = how & 3;
-        Framework::Task* watcher = who == 3 ? nullptr : &shared.watchers[who];
+        Framework::Task* watcher = (how & 3) == 3 ? nullptr : &shared.watchers[how & 3];
         const bool remove = how & 4;
-        const bool to_stranger = (how & 0x38) == 0x38;
         const Key names = Names(in, shared.dir);
         if (!StaysInside(CString(names.first + "/" + names.second + "/format"), 3)) continue;
 
         Engine::FtraceWatchMessage message(watcher, names.first, names.second, remove);
-        Framework::Task* consumer = to_stranger ? static_cast<Framework::Task*>(&shared.stranger) : task.get();
-        const int result = message.MessageHandle(consumer);
-        const int expected =
-            to_stranger ? 1 : model.Handle(watcher, names.first, names.second, remove);
+        const int result = message.MessageHandle(task.get());
+        const int expected = model.Handle(watcher, names.first, names.second, remove);
         const std::string request_text = std::string(remove ? "remove " : "add ") + names.first + "|" +
                                          names.second + " by " + (watcher ? watcher->name() : "(null)");
-        Expect(result == expected, request_text + ": result " + std::to_string(result) + ", model " +
-                                       std::to_string(expected));
-        Expect(task->watches() == model.registry(),
-               request_text + ": registry\n" + Show(task->watches()) + "model\n" + Show(model.registry()));
-        Expect(ReadAll(instance_dir + "/set_event") == model.set_event(), request_text + ": set_event");
+        FuzzCheck(result == expected, request_text + ": result " + std::to_string(result));
+        FuzzCheck(task->watches() == model.registry(), request_text + ": registry");
+        FuzzCheck(ReadAll(instance_dir + "/set_event") == model.set_event(), request_text + ": set_event");
     }
 
     // What shutdown does: every key of the registry is switched off.
     task->clear();
     model.Clear();
-    Expect(task->watches().empty(), "registry not empty after clear");
+    FuzzCheck(task->watches().empty(), "registry not empty after clear");
     for (const auto& [system, event] : shared.dir.Fixtures()) {
         const std::string enable = fs::canonical(instance_dir + "/events/" + system + "/" + event + "/enable");
-        Expect(ReadAll(enable) == (model.Disabled(enable) ? "0" : ""), enable);
+        FuzzCheck(ReadAll(enable) == (model.Disabled(enable) ? "0" : ""), enable);
     }
-
-    // The task made the instance, so it removes it (the kernel lets an
-    // instance go with its files in it; a plain directory must be emptied first).
+    // The task made the instance, so it removes it.
     shared.dir.Empty("ZEV");
     task.reset();
-    Expect(!fs::exists(instance_dir), "instance left behind by the task that made it");
+    FuzzCheck(!fs::exists(instance_dir), "instance left behind by the task that made it");
     return 0;
 }

@@ -89,46 +89,15 @@ std::ostream& operator<<(std::ostream& os, const FtraceEvent& event) {
 
 // --------------------------------------------------------------- FtraceRecord
 
-namespace {
-
-template <typename T>
-uint64_t read_host(const unsigned char* at) {
-    T value;
-    std::memcpy(&value, at, sizeof value);  // record data need not be aligned
-    return value;
-}
-
-}  // namespace
-
-uint64_t FtraceRecord::get_number(int offset, int size) const {
-    // A corrupt record (or a format that does not match it) must not make us
-    // read past the record, which may be the end of the page buffer.
-    if (offset < 0 || size <= 0) return 0;
-    if (static_cast<uint64_t>(offset) + static_cast<uint64_t>(size) > static_cast<uint32_t>(m_record->size)) return 0;
-    const unsigned char* at = static_cast<const unsigned char*>(m_record->data) + offset;
-    switch (size) {
-        case 1: return read_host<uint8_t>(at);
-        case 2: return read_host<uint16_t>(at);
-        case 4: return read_host<uint32_t>(at);
-        case 8: return read_host<uint64_t>(at);
-        default: return 0;
-    }
-}
-
 uint64_t FtraceRecord::get(const FtraceField& field) const { return get_number(field.offset(), field.size()); }
 uint64_t FtraceRecord::get(const std::string& name) const { return get(m_event.field(name)); }
 
 std::string FtraceRecord::get_string(const FtraceField& field) const {
-    if (!field.is_array()) return std::string();
-    uint64_t start = static_cast<uint32_t>(field.offset());
-    uint64_t length = static_cast<uint32_t>(field.size());
-    if (field.is_dynamic()) {
-        // __data_loc: offset in the low half of the location word, length in the high half.
-        const uint64_t location = get_number(field.offset(), field.size());
-        start = location & 0xffff;
-        length = location >> 16;
+    uint64_t start = 0;
+    uint64_t length = 0;
+    if (!field.is_array() || !get_string_extent(field.offset(), field.size(), field.is_dynamic(), &start, &length)) {
+        return std::string();
     }
-    if (length == 0 || start + length > static_cast<uint32_t>(m_record->size)) return std::string();
     // Taken as stored: trailing NULs of fixed arrays and of the kernel's string
     // terminator stay part of the value.
     return std::string(static_cast<const char*>(m_record->data) + start, length);

@@ -6,6 +6,7 @@
 #include <event-parse.h>
 
 #include <cstdint>
+#include <cstring>
 #include <memory>
 #include <ostream>
 #include <string>
@@ -92,8 +93,14 @@ public:
     FtraceRecord(const FtraceEvent& event, tep_record* record) : m_event(event), m_record(record) {}
 
     // Unsigned host-order integer of 1, 2, 4 or 8 bytes at data + offset; other
-    // sizes, and bytes not all inside the record's size, read 0.
+    // sizes, and bytes not all inside the record's size, read 0. Inline: the
+    // ftrace task reads every field of every record through it.
     uint64_t get_number(int offset, int size) const;
+    // Where the value of an array field with this offset and size lies: `size`
+    // bytes at `offset`, or, for a __data_loc field, what its location word
+    // says (offset low 16 bits, length high 16 bits). False when the value is
+    // empty or not all inside the record's size.
+    bool get_string_extent(int offset, int size, bool dynamic, uint64_t* start, uint64_t* length) const;
     uint64_t get(const FtraceField& field) const;
     uint64_t get(const std::string& name) const;
     // Array fields only (else ""): the field's bytes as they are, trailing NULs included;
@@ -115,6 +122,42 @@ private:
 };
 
 std::ostream& operator<<(std::ostream& os, const FtraceRecord& record);
+
+namespace ftrace_detail {
+template <typename T>
+uint64_t read_host(const unsigned char* at) {
+    T value;
+    std::memcpy(&value, at, sizeof value);  // record data need not be aligned
+    return value;
+}
+}  // namespace ftrace_detail
+
+inline uint64_t FtraceRecord::get_number(int offset, int size) const {
+    // A corrupt record (or a format that does not match it) must not make us
+    // read past the record, which may be the end of the page buffer.
+    if (offset < 0 || size <= 0) return 0;
+    if (static_cast<uint64_t>(offset) + static_cast<uint64_t>(size) > static_cast<uint32_t>(m_record->size)) return 0;
+    const unsigned char* at = static_cast<const unsigned char*>(m_record->data) + offset;
+    switch (size) {
+        case 1: return ftrace_detail::read_host<uint8_t>(at);
+        case 2: return ftrace_detail::read_host<uint16_t>(at);
+        case 4: return ftrace_detail::read_host<uint32_t>(at);
+        case 8: return ftrace_detail::read_host<uint64_t>(at);
+        default: return 0;
+    }
+}
+
+inline bool FtraceRecord::get_string_extent(int offset, int size, bool dynamic, uint64_t* start,
+                                            uint64_t* length) const {
+    *start = static_cast<uint32_t>(offset);
+    *length = static_cast<uint32_t>(size);
+    if (dynamic) {
+        const uint64_t location = get_number(offset, size);
+        *start = location & 0xffff;
+        *length = location >> 16;
+    }
+    return *length != 0 && *start + *length <= static_cast<uint32_t>(m_record->size);
+}
 
 // The tracefs instance, the libtraceevent parser handle with its plug-ins, and
 // the catalogue of event formats loaded so far (lazily, by name). Not

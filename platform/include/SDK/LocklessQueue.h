@@ -99,30 +99,10 @@ public:
     virtual int DequeueBulk(std::vector<T>& out, int max) {
         if (m_buffer == nullptr) return 0;
         const uint32_t limit = static_cast<uint32_t>(max);
-        uint32_t head, next, n;
-        if (!m_single_consumer) {
-            head = m_cons_head.load(std::memory_order_relaxed);
-            do {
-                const uint32_t available = m_prod_tail.load(std::memory_order_acquire) - head;
-                n = limit < available ? limit : available;
-                if (n == 0) return 0;
-                next = head + n;
-            } while (!m_cons_head.compare_exchange_weak(head, next, std::memory_order_relaxed,
-                                                        std::memory_order_relaxed));
-        } else {
-            head = m_cons_head.load(std::memory_order_relaxed);
-            const uint32_t available = m_prod_tail.load(std::memory_order_acquire) - head;
-            n = limit < available ? limit : available;
-            if (n == 0) return 0;
-            next = head + n;
-            m_cons_head.store(next, std::memory_order_relaxed);
-        }
-        _DequeueElements(head, out, n);
-        if (!m_single_consumer) {
-            while (m_cons_tail.load(std::memory_order_acquire) != head) SDK_LOCKLESS_QUEUE_PAUSE();
-        }
-        m_cons_tail.store(next, std::memory_order_release);
-        return static_cast<int>(n);
+        return Transfer(
+            m_cons_head, m_cons_tail, m_single_consumer, limit,
+            [this](uint32_t head) { return m_prod_tail.load(std::memory_order_acquire) - head; },
+            [&](uint32_t head, uint32_t n) { _DequeueElements(head, out, n); });
     }
 
     // Read-only views for owners and tests. Approximate while other threads run.
@@ -138,31 +118,41 @@ protected:
     // publishes them in reservation order. Returns n (0: no room).
     template <typename Fill>
     int Publish(uint32_t wanted, Fill&& fill) {
-        uint32_t head, next, n;
-        if (!m_single_producer) {
-            head = m_prod_head.load(std::memory_order_relaxed);
+        return Transfer(
+            m_prod_head, m_prod_tail, m_single_producer, wanted,
+            [this](uint32_t head) { return m_capacity + m_cons_tail.load(std::memory_order_acquire) - head; },
+            fill);
+    }
+
+    // One side's move, producers' or consumers': reserve up to `wanted` of the
+    // `room(head)` slots by advancing `head` (compare-and-swap unless this side
+    // has a single thread), let `work(head, n)` fill or empty them, then wait
+    // for every earlier reservation of this side to finish and advance `tail`.
+    template <typename Room, typename Work>
+    static int Transfer(std::atomic<uint32_t>& head_counter, std::atomic<uint32_t>& tail_counter, bool single,
+                        uint32_t wanted, Room&& room, Work&& work) {
+        uint32_t head = head_counter.load(std::memory_order_relaxed);
+        uint32_t next, n;
+        if (!single) {
             do {
-                const uint32_t cons_tail = m_cons_tail.load(std::memory_order_acquire);
-                const uint32_t room = m_capacity + cons_tail - head;
-                n = wanted < room ? wanted : room;
+                const uint32_t available = room(head);
+                n = wanted < available ? wanted : available;
                 if (n == 0) return 0;
                 next = head + n;
-            } while (!m_prod_head.compare_exchange_weak(head, next, std::memory_order_relaxed,
-                                                        std::memory_order_relaxed));
+            } while (!head_counter.compare_exchange_weak(head, next, std::memory_order_relaxed,
+                                                         std::memory_order_relaxed));
         } else {
-            head = m_prod_head.load(std::memory_order_relaxed);
-            const uint32_t cons_tail = m_cons_tail.load(std::memory_order_acquire);
-            const uint32_t room = m_capacity + cons_tail - head;
-            n = wanted < room ? wanted : room;
+            const uint32_t available = room(head);
+            n = wanted < available ? wanted : available;
             if (n == 0) return 0;
             next = head + n;
-            m_prod_head.store(next, std::memory_order_relaxed);
+            head_counter.store(next, std::memory_order_relaxed);
         }
-        fill(head, n);
-        if (!m_single_producer) {
-            while (m_prod_tail.load(std::memory_order_acquire) != head) SDK_LOCKLESS_QUEUE_PAUSE();
+        work(head, n);
+        if (!single) {
+            while (tail_counter.load(std::memory_order_acquire) != head) SDK_LOCKLESS_QUEUE_PAUSE();
         }
-        m_prod_tail.store(next, std::memory_order_release);
+        tail_counter.store(next, std::memory_order_release);
         return static_cast<int>(n);
     }
 

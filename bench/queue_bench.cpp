@@ -40,17 +40,10 @@ private:
     SDK::LocklessQueue<Ptr> m_queue{kQueueSlots, 0, false, true, true};
 };
 
-// The path Framework::Task::EnqueueMsg takes: EnqueueBulk with a reused
-// one-element vector, so no allocation per message.
+// The path Framework::Task::EnqueueMsg takes: EnqueueOne, no vector at all.
 class LocklessTaskPathAdapter {
 public:
-    bool Push(const Ptr& p) {
-        thread_local std::vector<Ptr> one(1);
-        one[0] = p;
-        const bool ok = m_queue.EnqueueBulk(one, 1) == 1;
-        one[0].reset();
-        return ok;
-    }
+    bool Push(const Ptr& p) { return m_queue.EnqueueOne(p) == 1; }
     size_t PopBatch(std::vector<Ptr>& out) { return static_cast<size_t>(m_queue.DequeueBulk(out, kBatch)); }
 
 private:

@@ -20,6 +20,7 @@
 
 #include "Framework/Module.h"
 #include "Framework/Task.h"
+#include "SDK/InnerCpuCtrlUtils.h"
 #include "SDK/LoggerUtils.h"
 
 namespace Framework {
@@ -322,7 +323,9 @@ void Engine::WaitForTaskEnd(RunningTask& running) {
         }
     }
     lock.unlock();
+    const std::thread::id id = running.thread.get_id();
     running.thread.join();
+    SDK::InnerCpuCtrlUtils::RestoreThread(id);
 }
 
 void Engine::Shutdown() {
@@ -335,16 +338,26 @@ void Engine::Shutdown() {
     }
     // Without the lifecycle lock: a task thread that registers a task now is
     // refused instead of waiting for a lock held by the thread joining it.
-    for (RunningTask* running : tasks) {
-        if (!running->thread.joinable()) continue;
-        Note("task " + running->name + " cancel");
-        running->task->cancel();
-        running->task->Wakeup();
-    }
-    for (RunningTask* running : tasks) {
-        if (!running->thread.joinable()) continue;
-        WaitForTaskEnd(*running);
-        Note("task " + running->name + " stopped");
+    // Collectors feed the other tasks, so they stop first: the others are
+    // cancelled only once every collector's Run has returned, and what a
+    // collector delivers in its last pass finds its receivers still running.
+    for (const bool collectors : {true, false}) {
+        std::vector<RunningTask*> stage;
+        for (RunningTask* running : tasks) {
+            const bool collector = running->task->Type() == TaskCondition::TASK_TYPE_COLLECTOR;
+            if (running->thread.joinable() && collector == collectors) stage.push_back(running);
+        }
+        for (RunningTask* running : stage) {
+            Note("task " + running->name + " cancel");
+            running->task->cancel();
+            running->task->Wakeup();
+            // A throttled task would stretch its last pass by its CPU budget.
+            SDK::InnerCpuCtrlUtils::ReleaseThread(running->thread.get_id());
+        }
+        for (RunningTask* running : stage) {
+            WaitForTaskEnd(*running);
+            Note("task " + running->name + " stopped");
+        }
     }
 
     std::lock_guard<std::recursive_mutex> life(m_lifecycle_mutex);
@@ -365,6 +378,7 @@ void Engine::Shutdown() {
             LogRoot(Poco::Message::PRIO_ERROR, "module " + (*it)->name + " UnInit threw: " + e.what(), __LINE__);
         }
     }
+    AfterUnInit();
     std::vector<std::unique_ptr<RunningTask>> doomed;
     {
         std::unique_lock<std::shared_mutex> lock(m_tasks_mutex);

@@ -1,9 +1,13 @@
 #include "SDK/InnerCpuCtrlUtils.h"
 
 #include <time.h>
-#include <unistd.h>
 
+#include <algorithm>
 #include <atomic>
+#include <chrono>
+#include <condition_variable>
+#include <mutex>
+#include <vector>
 
 #include "SDK/TimeUtils.h"
 
@@ -27,6 +31,11 @@ struct Window {
 };
 thread_local Window t_window;
 
+// Threads whose sleeps end at once; they sleep on the condition variable.
+std::mutex g_release_mutex;
+std::condition_variable g_release_changed;
+std::vector<std::thread::id> g_released;
+
 constexpr uint64_t kWindowMicros = 1000000;  // budgets are kept over one-second windows
 
 }  // namespace
@@ -38,6 +47,19 @@ int InnerCpuCtrlUtils::GetPercent() { return g_percent.load(std::memory_order_re
 uint64_t InnerCpuCtrlUtils::GetSuggestedRunTick() { return g_run_tick.load(std::memory_order_relaxed); }
 void InnerCpuCtrlUtils::SetSuggestedRunTick(uint64_t ticks) { g_run_tick = ticks; }
 uint64_t InnerCpuCtrlUtils::GetTotalThrottledMicros() { return g_throttled.load(); }
+
+void InnerCpuCtrlUtils::ReleaseThread(std::thread::id thread) {
+    {
+        std::lock_guard<std::mutex> lock(g_release_mutex);
+        if (std::find(g_released.begin(), g_released.end(), thread) == g_released.end()) g_released.push_back(thread);
+    }
+    g_release_changed.notify_all();
+}
+
+void InnerCpuCtrlUtils::RestoreThread(std::thread::id thread) {
+    std::lock_guard<std::mutex> lock(g_release_mutex);
+    g_released.erase(std::remove(g_released.begin(), g_released.end(), thread), g_released.end());
+}
 
 uint64_t InnerCpuCtrlUtils::AdjustThreadCpu(const char*, int, const char*, unsigned long, unsigned long) {
     const int percent = GetPercent();
@@ -55,10 +77,18 @@ uint64_t InnerCpuCtrlUtils::AdjustThreadCpu(const char*, int, const char*, unsig
     const uint64_t allowed_wall = used * 100 / static_cast<uint64_t>(percent);
     const uint64_t passed = wall - w.wall_start;
     if (allowed_wall <= passed) return 0;
-    const uint64_t sleep_us = allowed_wall - passed;
-    usleep(static_cast<useconds_t>(sleep_us));
-    g_throttled += sleep_us;
-    return sleep_us;
+    const auto self = std::this_thread::get_id();
+    const auto start = std::chrono::steady_clock::now();
+    {
+        std::unique_lock<std::mutex> lock(g_release_mutex);
+        g_release_changed.wait_for(lock, std::chrono::microseconds(allowed_wall - passed), [&] {
+            return std::find(g_released.begin(), g_released.end(), self) != g_released.end();
+        });
+    }
+    const auto slept = static_cast<uint64_t>(
+        std::chrono::duration_cast<std::chrono::microseconds>(std::chrono::steady_clock::now() - start).count());
+    g_throttled += slept;
+    return slept;
 }
 
 }  // namespace SDK

@@ -41,11 +41,16 @@ public:
     // Task::Init and a thread for every registered task not started yet. 0 when all started.
     int StartTasks();
     // Cancels every task, waits for its Run to return, calls the tasks' UnInit,
-    // the modules' UnInit, then deletes tasks and modules and unloads the
-    // shared objects (reverse order of loading). Idempotent. Tasks are
-    // stopped in registration order and torn down in reverse. Call it from
-    // the main thread, never from a task (a task asks with RequestStop).
-    // Objects made by a module's code (messages included) must not outlive it.
+    // the modules' UnInit, AfterUnInit, then deletes tasks and modules and
+    // unloads the shared objects (reverse order of loading). Idempotent.
+    // Collectors (TASK_TYPE_COLLECTOR) are stopped first; the other tasks are
+    // cancelled once every collector's Run has returned, so a task that
+    // handles what is queued to it before its Run returns receives everything
+    // the collectors sent. Within each group tasks are cancelled in
+    // registration order; all are torn down in reverse. A cancelled task's
+    // thread is no longer held to the CPU budget. Call it from the main
+    // thread, never from a task (a task asks with RequestStop). Objects made
+    // by a module's code (messages included) must not outlive it.
     void Shutdown();
 
     // The registered task called `name`, or null. Safe from any thread while
@@ -72,6 +77,10 @@ public:
 protected:
     // Poco entry point: StartTasks, WaitForStopRequest, Shutdown.
     int main(const std::vector<std::string>& args) override;
+    // Called by Shutdown once every task's Run has returned and every UnInit
+    // has run, before anything is deleted: what the tasks and modules still
+    // own (a tracing instance, say) can be read one last time.
+    virtual void AfterUnInit() {}
 
 private:
     friend class Module;

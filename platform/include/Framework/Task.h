@@ -19,7 +19,9 @@ namespace Framework {
 // A unit of work with its own thread, inbound message queue and event waiter.
 // The engine calls Init, then runs run() -> runTask() -> Run() on a thread of
 // the task's own, and at shutdown cancel(), waits for Run to return, calls
-// UnInit and deletes the task.
+// UnInit and deletes the task. Collectors are cancelled before every other
+// task (see Engine::Shutdown): a task that receives from one should handle
+// what is still queued to it before its Run returns, or it is lost.
 class Task : public Poco::Task {
 public:
     // `queue_size` is the slot count of the inbound queue (rounded up to a

@@ -5,6 +5,7 @@
 // microseconds of SDK::TimeUtils.
 
 #include <cstdint>
+#include <thread>
 
 namespace SDK {
 
@@ -25,6 +26,15 @@ public:
     // since the caller's previous adjustment. May sleep. Returns the microseconds slept.
     static uint64_t AdjustThreadCpu(const char* file, int line, const char* task, unsigned long now,
                                     unsigned long elapsed);
+
+    // Ends the throttle sleep that `thread` is in, if any, and lets it run
+    // unthrottled until RestoreThread(thread). The engine releases a task's
+    // thread when it cancels the task, so that the task's last pass is not
+    // stretched by the budget and a stop takes as long as that pass needs.
+    static void ReleaseThread(std::thread::id thread);
+    // Throttles `thread` again (the engine calls it once the thread was
+    // joined, before its id can be given to a new thread).
+    static void RestoreThread(std::thread::id thread);
 
     // Total microseconds slept by AdjustThreadCpu in this process.
     static uint64_t GetTotalThrottledMicros();

@@ -1,9 +1,14 @@
 #include "FtraceTask.h"
 
 #include <dirent.h>
+#include <unistd.h>
 
 #include <Poco/Util/Application.h>
 
+#include <algorithm>
+#include <cctype>
+#include <climits>
+#include <cstdlib>
 #include <iterator>
 #include <typeinfo>
 
@@ -12,6 +17,7 @@
 #include "Framework/EventCallback.h"
 #include "FtraceLog.h"
 #include "FtraceMessage.h"
+#include "SDK/FileUtils.h"
 
 namespace Engine {
 
@@ -20,18 +26,53 @@ namespace {
 constexpr int kMessagesPerBatch = 1024;
 constexpr int kWaitTimeoutMs = 1000;
 constexpr int kEventsPerWait = 128;
-// Pages read from one CPU per drain. While events arrive faster than they are
-// decoded a CPU is never empty, and an unbounded drain would keep the loop
-// from its stop check and its watch requests for as long as that lasts. A
-// default per-CPU buffer (1.4 MiB) empties in three passes, which follow one
-// another without a wait while it stays above the poll watermark.
-constexpr int kPagesPerDrain = 128;
+// A drain reads a CPU until it has nothing left, but at most as many pages as
+// the CPU's ring buffer holds (PagesPerDrain): by then it has read everything
+// the buffer held when the drain began, and only events written meanwhile
+// are left. While events arrive faster than they are decoded a CPU is never
+// empty, and an unbounded drain would keep the loop from its stop check and
+// its watch requests for as long as that lasts.
+constexpr unsigned long kDefaultBufferKb = 1408;       // the kernel's default, if the instance does not say
+constexpr unsigned long kLargestBufferKb = 1ul << 30;  // keeps the arithmetic in range
+constexpr unsigned long kPageHeaderBytes = 16;         // a page's time stamp and commit count
 // Poco::Task::TASK_CANCELLING: cancel() has been called.
 constexpr int kStateCancelling = 3;
 
 struct DirCloser {
     void operator()(DIR* dir) const { closedir(dir); }
 };
+
+// The largest number in a buffer_size_kb file: "1408", or "7 (expanded:
+// 1408)" before the kernel first grew the buffer to its set size.
+unsigned long LargestNumber(const std::string& text) {
+    unsigned long largest = 0;
+    for (const char* at = text.c_str(); *at != '\0';) {
+        char* end = nullptr;
+        const unsigned long number = std::isdigit(static_cast<unsigned char>(*at)) ? std::strtoul(at, &end, 10) : 0;
+        largest = std::max(largest, number);
+        at = end != nullptr && end != at ? end : at + 1;
+    }
+    return largest;
+}
+
+// Reads that empty the largest per-CPU buffer of the readers' CPUs: one per
+// page it holds (kb rounded up to pages of data), plus the reader page the
+// kernel keeps aside and a page the previous drain read in part.
+int PagesPerDrain(const Ftrace& ftrace, const std::vector<FtracePerCPUReader*>& readers) {
+    unsigned long kb = 0;
+    std::string text;
+    for (const FtracePerCPUReader* reader : readers) {
+        const std::string path = ftrace.tracing_file("per_cpu/cpu" + std::to_string(reader->cpu()) + "/buffer_size_kb");
+        if (SDK::FileUtils::ReadFile(path, text, 256) == 0) kb = std::max(kb, LargestNumber(text));
+    }
+    if (kb == 0 && SDK::FileUtils::ReadFile(ftrace.tracing_file("buffer_size_kb"), text, 256) == 0) {
+        kb = LargestNumber(text);
+    }
+    if (kb == 0) kb = kDefaultBufferKb;
+    kb = std::min(kb, kLargestBufferKb);
+    const unsigned long data_per_page = static_cast<unsigned long>(getpagesize()) - kPageHeaderBytes;
+    return static_cast<int>(std::min<unsigned long>(kb * 1024 / data_per_page + 3, INT_MAX));
+}
 
 }  // namespace
 
@@ -62,6 +103,7 @@ int FtraceTask::Init() {
         m_events.emplace_back(callback, reader, fd.release());
         GetEventWaiter().AddEvent(m_events.back());
     }
+    m_pages_per_drain = PagesPerDrain(m_ftrace, m_readers);
     return Framework::Task::Init();
 }
 
@@ -112,7 +154,7 @@ int FtraceTask::Run() {
 int FtraceTask::read_ftrace_event(int fd, unsigned int /*events*/, void* context) {
     auto* reader = static_cast<FtracePerCPUReader*>(context);
     for (int pages = 0;
-         pages < kPagesPerDrain && reader->read_once(m_ftrace, fd, &FtraceTask::handle_ftrace_record, this) == 2;
+         pages < m_pages_per_drain && reader->read_once(m_ftrace, fd, &FtraceTask::handle_ftrace_record, this) == 2;
          ++pages) {
     }
     return 0;

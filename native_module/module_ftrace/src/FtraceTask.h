@@ -103,6 +103,7 @@ private:
     const Poco::Util::Application* m_application = nullptr;
     const std::type_info* m_application_type = nullptr;
     Framework::Engine* m_engine = nullptr;
+    int m_pages_per_drain = 0;  // set by Init from the instance's buffer size
 };
 
 }  // namespace Engine

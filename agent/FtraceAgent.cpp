@@ -392,19 +392,40 @@ int FtraceAgent::main(const std::vector<std::string>&) {
         return Fail("instance ZEV is in use by another ftrace-agent" + (holder.empty() ? "" : " (pid " + holder + ")") +
                     ": stop that one first");
     }
-    if (access((tracing_dir + "/instances/" + kInstanceName).c_str(), F_OK) == 0) {
-        Log(Poco::Message::PRIO_WARNING,
-            "instance ZEV exists already (left by a run that was killed, or used by another program): it is "
-            "used and left in place; if nothing uses it, remove it with rmdir " + tracing_dir + "/instances/" + kInstanceName,
-            __LINE__);
-    }
+    if (const int rc = RemoveLeftoverInstance(tracing_dir)) return rc;
     const std::string module_dir = Absolute(m_options.module_dir.empty() ? DefaultModuleDir() : m_options.module_dir);
     if (const int rc = LoadModules(module_dir)) return rc;
-    return Trace(tracing_dir);
+    return Trace();
 }
 
-int FtraceAgent::Trace(const std::string& tracing_dir) {
+int FtraceAgent::RemoveLeftoverInstance(const std::string& tracing_dir) const {
+    // This agent holds the lock, so no other agent uses ZEV: it was left by a
+    // run that did not stop cleanly, with that run's records, loss counts and
+    // events still on. Removed, so that the module makes it afresh; the
+    // kernel switches its events off as it goes.
     const std::string instance_dir = tracing_dir + "/instances/" + kInstanceName;
+    if (access(instance_dir.c_str(), F_OK) != 0) return 0;
+    if (rmdir(instance_dir.c_str()) != 0) {
+        return Fail("instance ZEV was left behind and cannot be removed (" + std::string(std::strerror(errno)) +
+                    "): a program has its files open; stop it, then rmdir " + instance_dir);
+    }
+    Log(Poco::Message::PRIO_WARNING,
+        "removed instance ZEV, left behind by a run that did not stop cleanly, with its records and events",
+        __LINE__);
+    return 0;
+}
+
+void FtraceAgent::AfterUnInit() {
+    if (!m_instance) return;
+    // The ftrace task has drained for the last time and switched its events
+    // off; what the buffers still hold was recorded and never read. The
+    // instance's stats and filter go away with the module: read and clear them now.
+    m_statistics.SetKernelLoss(InstanceLossReader::Read(m_instance->tracefs().dir()));
+    m_instance->event_filter_clean_all();
+    m_instance.reset();
+}
+
+int FtraceAgent::Trace() {
     // Adopts the instance the module created; it stays the module's to remove.
     m_instance = std::make_unique<Ftrace>(kInstanceName);
     if (!m_instance->tracefs().IsValid()) return Fail(kNoTracingLine);
@@ -452,10 +473,6 @@ int FtraceAgent::Trace(const std::string& tracing_dir) {
         Log(Poco::Message::PRIO_INFORMATION, std::string("stopping on ") + strsignal(signal_number), __LINE__);
     }
 
-    // The instance's stats and filter go away with the module: read and clear them first.
-    m_statistics.SetKernelLoss(InstanceLossReader::Read(instance_dir));
-    m_instance->event_filter_clean_all();
-    m_instance.reset();
     Shutdown();
     m_statistics.Print(std::cerr);
     return EXIT_OK;

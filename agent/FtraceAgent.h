@@ -40,6 +40,7 @@ protected:
     void defineOptions(Poco::Util::OptionSet& options) override;
     void handleOption(const std::string& name, const std::string& value) override;
     int main(const std::vector<std::string>& args) override;
+    void AfterUnInit() override;
 
 private:
     int Fail(const std::string& line) const;
@@ -50,8 +51,10 @@ private:
     int CheckEnvironment(std::string* tracing_dir);
     int LoadModules(const std::string& module_dir);
     void WarnIfNotLinkedCopy(const std::string& module_path) const;
+    // 0, or the exit status to return.
+    int RemoveLeftoverInstance(const std::string& tracing_dir) const;
     bool Daemonize(std::string* error);
-    int Trace(const std::string& tracing_dir);
+    int Trace();
 
     AgentOptions m_options;
     bool m_events_given = false;

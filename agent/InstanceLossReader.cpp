@@ -25,6 +25,7 @@ void InstanceLossReader::AddStatsText(const std::string& text, KernelLoss& loss)
         // "commit overrun:" is a different counter; match from the line start.
         loss.overrun += ValueAfter(line, "overrun:");
         loss.dropped_events += ValueAfter(line, "dropped events:");
+        loss.unread += ValueAfter(line, "entries:");
     }
 }
 

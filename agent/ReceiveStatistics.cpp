@@ -70,6 +70,7 @@ void ReceiveStatistics::Print(std::ostream& os) const {
     if (m_loss.known) {
         os << "  lost in the kernel (instance ZEV): overrun " << m_loss.overrun << ", dropped events "
            << m_loss.dropped_events << '\n';
+        os << "  left unread in the kernel at stop (instance ZEV): " << m_loss.unread << '\n';
     } else {
         os << "  lost in the kernel (instance ZEV): unknown (per_cpu stats unreadable)\n";
     }

@@ -12,12 +12,13 @@
 
 namespace Agent {
 
-// Events the kernel could not record in the instance's ring buffers, summed
-// over the CPUs' per_cpu/cpuN/stats files.
+// Events the kernel could not record in the instance's ring buffers, and
+// those still unread in them, summed over the CPUs' per_cpu/cpuN/stats files.
 struct KernelLoss {
     bool known = false;  // false when the stats files could not be read
     uint64_t overrun = 0;
     uint64_t dropped_events = 0;
+    uint64_t unread = 0;  // "entries": recorded, not read yet
 };
 
 class ReceiveStatistics {

@@ -107,8 +107,9 @@ private:
 // Serves its queue as the agent's tasks do: sleep while it is empty, else consume.
 class LoopTask : public Framework::Task {
 public:
-    explicit LoopTask(const std::string& name, unsigned int queue_size = 64)
-        : Task(name, "test_feature", Framework::TaskCondition::TASK_TYPE_NORMAL, queue_size) {}
+    explicit LoopTask(const std::string& name, unsigned int queue_size = 64,
+                      Framework::TaskCondition::TaskType type = Framework::TaskCondition::TASK_TYPE_NORMAL)
+        : Task(name, "test_feature", type, queue_size) {}
     int Run() override {
         while (state() != TASK_CANCELLING) {
             if (MessageEmpty()) {
@@ -177,7 +178,10 @@ TEST(Task, EnqueueWakesATaskWaitingForEvents) {
 class ProbeModule : public Framework::Module {
 public:
     ProbeModule() : Module("probe_module") {}
-    int Init() override { return RegisterTask(new LoopTask("probe_task"), true); }
+    // A collector: stopped before the lifecycle task, although registered after it.
+    int Init() override {
+        return RegisterTask(new LoopTask("probe_task", 64, Framework::TaskCondition::TASK_TYPE_COLLECTOR), true);
+    }
 };
 
 // lifecycle_task answers a message with a "hello" to probe_task. Both wait
@@ -199,8 +203,8 @@ TEST(Engine, RunsModuleTasksThatTalkByNameAndShutsDownInOrder) {
                     ElementsAre("module lifecycle_module Init", "task lifecycle_task registered",
                                 "task lifecycle_task Init", "task lifecycle_task start", "module probe_module Init",
                                 "task probe_task registered", "task probe_task Init", "task probe_task start",
-                                "probe_task handled hello", "task lifecycle_task cancel", "task probe_task cancel",
-                                "task lifecycle_task stopped", "task probe_task stopped", "task probe_task UnInit",
+                                "probe_task handled hello", "task probe_task cancel", "task probe_task stopped",
+                                "task lifecycle_task cancel", "task lifecycle_task stopped", "task probe_task UnInit",
                                 "task lifecycle_task UnInit", "lifecycle_task: UnInit after Run",
                                 "module probe_module UnInit", "module lifecycle_module UnInit",
                                 "task probe_task delete", "task lifecycle_task delete", "lifecycle_task: destroyed",

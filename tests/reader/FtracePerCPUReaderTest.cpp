@@ -134,29 +134,46 @@ void Burn(FtraceRecord&, void* count) {
 }
 
 // The reader adjusts its thread between records: on a budget of 10 % of a CPU
-// it stays far below a whole one, however busy the callback.
-TEST_F(FtracePerCPUReaderTest, ThrottleKeepsTheThreadWithinItsBudget) {
+// it stays far below a whole one, however busy the callback. A released
+// thread (its task is being stopped) leaves its sleep at once: at 1 % the
+// 40 ms of CPU would take 4 s.
+TEST_F(FtracePerCPUReaderTest, ThrottleKeepsTheThreadWithinItsBudgetUntilReleased) {
     RingBufferPage page(1);
-    for (int i = 0; i < 6; ++i) page.event(1, Payload(64, switch_id));
-    FtracePerCPUReader reader(*ftrace, Pipe(page.bytes(page_size)), 0);
+    for (int i = 0; i < 20; ++i) page.event(1, Payload(64, switch_id));
     const uint64_t saved_run_tick = SDK::InnerCpuCtrlUtils::GetSuggestedRunTick();
-    SDK::InnerCpuCtrlUtils::Enable(10);
     SDK::InnerCpuCtrlUtils::SetSuggestedRunTick(0);
-    int delivered = 0, result = -1;
-    double share = 1;
-    // A fresh thread: the budget keeps its accounting window per thread.
-    std::thread([&] {
-        const auto wall_start = std::chrono::steady_clock::now();
-        const uint64_t cpu_start = ThreadCpuNanos();
-        result = reader.read_once(*ftrace, Burn, &delivered);
-        const std::chrono::nanoseconds wall = std::chrono::steady_clock::now() - wall_start;
-        share = static_cast<double>(ThreadCpuNanos() - cpu_start) / static_cast<double>(wall.count());
-    }).join();
+    for (const int percent : {10, 1}) {
+        SCOPED_TRACE(percent);
+        FtracePerCPUReader reader(*ftrace, Pipe(page.bytes(page_size)), 0);
+        SDK::InnerCpuCtrlUtils::Enable(percent);
+        int delivered = 0, result = -1;
+        double share = 1;
+        std::chrono::nanoseconds wall{};
+        // A fresh thread: the budget keeps its accounting window per thread.
+        std::thread thread([&] {
+            const auto wall_start = std::chrono::steady_clock::now();
+            const uint64_t cpu_start = ThreadCpuNanos();
+            result = reader.read_once(*ftrace, Burn, &delivered);
+            wall = std::chrono::steady_clock::now() - wall_start;
+            share = static_cast<double>(ThreadCpuNanos() - cpu_start) / static_cast<double>(wall.count());
+        });
+        const std::thread::id id = thread.get_id();
+        if (percent == 1) {
+            std::this_thread::sleep_for(std::chrono::milliseconds(100));
+            SDK::InnerCpuCtrlUtils::ReleaseThread(id);
+        }
+        thread.join();
+        SDK::InnerCpuCtrlUtils::RestoreThread(id);
+        EXPECT_EQ(2, result);
+        EXPECT_EQ(20, delivered);
+        if (percent == 1) {
+            EXPECT_LT(wall, std::chrono::seconds(2));
+        } else {
+            EXPECT_LT(share, 0.5);
+        }
+    }
     SDK::InnerCpuCtrlUtils::Disable();
     SDK::InnerCpuCtrlUtils::SetSuggestedRunTick(saved_run_tick);
-    EXPECT_EQ(2, result);
-    EXPECT_EQ(6, delivered);
-    EXPECT_LT(share, 0.5);
 }
 
 // The kernel's own pages: an instance of our own with sched_switch on, drained

@@ -1,7 +1,9 @@
 // The watch registry against the real kernel: which request enables or
 // disables an event in the instance "ZEV", what it logs and returns, and what
-// the registry holds afterwards.
+// the registry holds afterwards. And how much one drain of a CPU reads.
+#include <fcntl.h>
 #include <gtest/gtest.h>
+#include <unistd.h>
 
 #include <filesystem>
 
@@ -64,6 +66,31 @@ TEST(WatchRegistryTest, EnableOnEveryNewSubscriberDisableOnLast) {
         task.clear();
         EXPECT_TRUE(task.watches().empty());
         EXPECT_EQ(EnableState(sys, event), "0");
+    }
+    EXPECT_EQ(std::filesystem::exists(tasktest::kInstanceDir), existed);
+}
+
+// One drain of a CPU reads everything its buffer held when the drain began,
+// however full: after trace_marker lines overfilled the buffers, one drain
+// of each CPU leaves nothing unread.
+TEST(FtraceTaskDrainTest, OneDrainEmptiesAFullBuffer) {
+    const bool existed = std::filesystem::exists(tasktest::kInstanceDir);
+    {
+        Engine::FtraceTask task;
+        ASSERT_TRUE(task.ftrace().tracefs().IsValid());
+        ASSERT_EQ(task.Init(), 0);
+        const int marker = open((tasktest::kInstanceDir + "/trace_marker").c_str(), O_WRONLY | O_CLOEXEC);
+        const std::string line(200, 'x');
+        for (int i = 0; i < 20000; ++i) ASSERT_EQ(write(marker, line.data(), line.size()), 200);
+        close(marker);
+        for (FtracePerCPUReader* reader : task.readers()) {
+            const std::string cpu = tasktest::kInstanceDir + "/per_cpu/cpu" + std::to_string(reader->cpu());
+            const int pipe = open((cpu + "/trace_pipe_raw").c_str(), O_RDONLY | O_NONBLOCK | O_CLOEXEC);
+            task.read_ftrace_event(pipe, ~0u, reader);
+            close(pipe);
+            EXPECT_EQ(tasktest::ReadText(cpu + "/stats").rfind("entries: 0\n", 0), 0u) << cpu;
+        }
+        task.UnInit();
     }
     EXPECT_EQ(std::filesystem::exists(tasktest::kInstanceDir), existed);
 }

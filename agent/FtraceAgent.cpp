@@ -31,7 +31,10 @@
 #include "FtraceModule.h"
 #include "InstanceLock.h"
 #include "InstanceLossReader.h"
+#include "PidFilter.h"
+#include "PrintableText.h"
 #include "PrintingSubscriberModule.h"
+#include "RegularFile.h"
 #include "SDK/InnerCpuCtrlUtils.h"
 #include "SDK/LoggerUtils.h"
 #include "StopTimer.h"
@@ -82,18 +85,22 @@ bool HasLine(const std::string& path) {
     return std::getline(in, line) && !line.empty();
 }
 
-// Shared objects of `dir` other than `skip`, in name order.
-std::vector<std::string> SharedObjects(const std::string& dir, const std::string& skip) {
-    std::vector<std::string> names;
+// Shared objects of `dir` other than `skip`, in name order; false, with the
+// reason, when the directory cannot be listed.
+bool SharedObjects(const std::string& dir, const std::string& skip, std::vector<std::string>* names,
+                   std::string* reason) {
     DIR* d = opendir(dir.c_str());
-    if (d == nullptr) return names;
+    if (d == nullptr) {
+        *reason = RegularFile::Reason(errno);
+        return false;
+    }
     while (dirent* entry = readdir(d)) {
         const std::string name = entry->d_name;
-        if (name.size() > 3 && name.compare(name.size() - 3, 3, ".so") == 0 && name != skip) names.push_back(name);
+        if (name.size() > 3 && name.compare(name.size() - 3, 3, ".so") == 0 && name != skip) names->push_back(name);
     }
     closedir(d);
-    std::sort(names.begin(), names.end());
-    return names;
+    std::sort(names->begin(), names->end());
+    return true;
 }
 
 }  // namespace
@@ -102,12 +109,13 @@ FtraceAgent::FtraceAgent() : m_instance_lock(kInstanceName) {}
 
 FtraceAgent::~FtraceAgent() {
     // Adopted, so never removed here; released before the module removes it.
+    if (m_instance) m_pid_filter.Clear(*m_instance);
     m_instance.reset();
     Shutdown();
 }
 
 int FtraceAgent::Fail(const std::string& line) const {
-    std::cerr << line << std::endl;
+    std::cerr << PrintableText::Escape(line) << std::endl;
     return kExitUserError;
 }
 
@@ -170,6 +178,7 @@ void FtraceAgent::handleOption(const std::string& name, const std::string& value
         } else if (name == "cpu-limit") {
             m_options.cpu_limit_percent = static_cast<int>(AgentOptions::ParseInteger(name, value, 1, 100));
         } else if (name == "module-dir") {
+            if (value.empty()) throw std::invalid_argument("--module-dir: empty; leave the option out for the default");
             m_options.module_dir = value;
         } else if (name == "log-level") {
             try {
@@ -179,6 +188,7 @@ void FtraceAgent::handleOption(const std::string& name, const std::string& value
             }
             m_options.log_level = value;
         } else if (name == "log-file") {
+            if (value.empty()) throw std::invalid_argument("--log-file: empty; leave the option out for standard error");
             m_options.log_file = value;
         } else if (name == "daemon") {
             m_options.daemon = true;
@@ -210,13 +220,12 @@ bool FtraceAgent::ConfigureLogging(std::string* error) {
         sink = new Poco::ConsoleChannel(std::cerr);
     } else {
         m_options.log_file = Poco::Path(m_options.log_file).absolute().toString();
-        FILE* probe = std::fopen(m_options.log_file.c_str(), "a");
-        if (probe == nullptr) {
-            *error = "cannot open log file " + m_options.log_file + ": " + std::strerror(errno) +
-                     "; give --log-file a writable path";
+        const std::string problem = RegularFile::ProblemAppending(m_options.log_file);
+        if (!problem.empty()) {
+            *error = "cannot open log file " + m_options.log_file + ": " + problem +
+                     "; give --log-file the path of a writable regular file";
             return false;
         }
-        std::fclose(probe);
         sink = new Poco::FileChannel(m_options.log_file);
     }
     Poco::AutoPtr<Poco::PatternFormatter> pattern = new Poco::PatternFormatter("%Y-%m-%d %H:%M:%S.%i %p %s: %t");
@@ -291,10 +300,24 @@ void FtraceAgent::WarnIfNotLinkedCopy(const std::string& module_path) const {
 
 int FtraceAgent::LoadModules(const std::string& module_dir) {
     const std::string ftrace_path = module_dir + "/" + kModuleFileName;
-    std::string error;
-    if (!IsFile(ftrace_path)) {
-        return Fail("cannot load module " + ftrace_path + ": no such file; point --module-dir at the directory " +
+    std::string error = RegularFile::Problem(ftrace_path);
+    if (!error.empty()) {
+        return Fail("cannot load module " + ftrace_path + ": " + error + "; point --module-dir at the directory " +
                     "holding " + kModuleFileName);
+    }
+    // Every file is checked before any module is loaded: nothing is set up
+    // for a run that cannot start.
+    std::vector<std::string> others;
+    if (!SharedObjects(module_dir, kModuleFileName, &others, &error)) {
+        return Fail("cannot read module directory " + module_dir + ": " + error +
+                    "; point --module-dir at a directory the agent can read");
+    }
+    for (const auto& name : others) {
+        error = RegularFile::Problem(module_dir + "/" + name);
+        if (!error.empty()) {
+            return Fail("cannot load module " + module_dir + "/" + name + ": " + error +
+                        "; fix it or remove it from the module directory");
+        }
     }
     if (void* probe = dlopen(ftrace_path.c_str(), RTLD_NOW | RTLD_LOCAL)) {
         dlclose(probe);
@@ -313,7 +336,7 @@ int FtraceAgent::LoadModules(const std::string& module_dir) {
     }
     Log(Poco::Message::PRIO_INFORMATION, "loaded " + ftrace_path, __LINE__);
 
-    for (const auto& name : SharedObjects(module_dir, kModuleFileName)) {
+    for (const auto& name : others) {
         const std::string path = module_dir + "/" + name;
         void* probe = dlopen(path.c_str(), RTLD_NOW | RTLD_LOCAL);
         if (probe == nullptr) {
@@ -375,10 +398,15 @@ bool FtraceAgent::Daemonize(std::string* error) {
     return true;
 }
 
-int FtraceAgent::main(const std::vector<std::string>&) {
+int FtraceAgent::main(const std::vector<std::string>& args) {
     if (m_options.help) {
         PrintHelp();
         return EXIT_OK;
+    }
+    // Words that are not options (and everything after "--") would otherwise be dropped unseen.
+    if (!args.empty()) {
+        return Fail("ftrace-agent: unexpected argument '" + args.front() +
+                    "': the agent takes options only, each as --name=value; see ftrace-agent --help");
     }
     std::string error;
     if (!ConfigureLogging(&error)) return Fail(error);
@@ -421,7 +449,7 @@ void FtraceAgent::AfterUnInit() {
     // off; what the buffers still hold was recorded and never read. The
     // instance's stats and filter go away with the module: read and clear them now.
     m_statistics.SetKernelLoss(InstanceLossReader::Read(m_instance->tracefs().dir()));
-    m_instance->event_filter_clean_all();
+    m_pid_filter.Clear(*m_instance);
     m_instance.reset();
 }
 
@@ -434,8 +462,7 @@ int FtraceAgent::Trace() {
     if (m_options.pids.empty() && HasLine(m_instance->tracing_file("set_event_pid"))) {
         Log(Poco::Message::PRIO_WARNING, "clearing the pid filter (set_event_pid) left in instance ZEV", __LINE__);
     }
-    m_instance->event_filter_clean_all();
-    for (const int pid : m_options.pids) m_instance->event_filter_add_pid(pid);
+    m_pid_filter.Apply(*m_instance, m_options.pids);
 
     std::vector<std::string> names;
     for (const auto& event : m_options.events) names.push_back(event.FullName());

@@ -10,6 +10,7 @@
 #include "AgentOptions.h"
 #include "Framework/Engine.h"
 #include "InstanceLock.h"
+#include "PidFilter.h"
 #include "ReceiveStatistics.h"
 
 class Ftrace;
@@ -61,6 +62,7 @@ private:
     ReceiveStatistics m_statistics;
     InstanceLock m_instance_lock;  // held from the checks until the process ends
     std::unique_ptr<Ftrace> m_instance;  // the module's instance, adopted for set_event_pid
+    PidFilter m_pid_filter;
 };
 
 }  // namespace Agent

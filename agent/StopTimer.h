@@ -16,6 +16,7 @@ public:
     StopTimer(const StopTimer&) = delete;
     StopTimer& operator=(const StopTimer&) = delete;
 
+    // A delay longer than the steady clock can represent never expires.
     void Start(double seconds, std::function<void()> on_expiry);
     // Returns once the thread has ended; the function is not called after this.
     void Cancel();

@@ -7,9 +7,9 @@
 
 namespace Engine {
 
-const std::string kFileNotifyName = "filenotify";
-const std::string kFileWatchName = "filewatch";
-const std::set<std::string> kNamespaceKinds = {"ipc", "mnt", "net", "pid", "user", "uts"};
+constexpr std::string_view kFileNotifyName = "filenotify";
+constexpr std::string_view kFileWatchName = "filewatch";
+constexpr std::array<std::string_view, 6> kNamespaceKinds = {"ipc", "mnt", "net", "pid", "user", "uts"};
 
 FtraceWatchMessage::FtraceWatchMessage(Framework::Task* watcher, std::string system, std::string event_name,
                                        bool remove)

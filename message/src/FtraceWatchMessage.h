@@ -2,17 +2,22 @@
 // The request by which a task subscribes to (or unsubscribes from) one trace
 // event of the ftrace task "ftrace_task".
 
-#include <set>
+#include <array>
 #include <string>
+#include <string_view>
 
 #include "Framework/Message.h"
 #include "Framework/Task.h"
 
 namespace Engine {
 
-extern const std::string kFileNotifyName;   // "filenotify"
-extern const std::string kFileWatchName;    // "filewatch"
-extern const std::set<std::string> kNamespaceKinds;  // ipc mnt net pid user uts
+// Constant data with nothing to construct or destroy: a second copy of the
+// module in one process (a --module-dir copy besides the linked one) binds
+// these names to the first copy, and would otherwise build and free the
+// first copy's objects twice.
+extern const std::string_view kFileNotifyName;                // "filenotify"
+extern const std::string_view kFileWatchName;                 // "filewatch"
+extern const std::array<std::string_view, 6> kNamespaceKinds;  // ipc mnt net pid user uts, sorted
 
 class FtraceWatchMessage : public Framework::Message {
 public:

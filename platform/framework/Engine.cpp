@@ -56,15 +56,25 @@ struct Engine::RunningTask {
 };
 
 Engine::Engine() {
+    // Every signal whose default would end the process unannounced and that a
+    // person or the system sends to end a program (a closed terminal, a CPU
+    // time limit, Ctrl-\) stops the engine through Shutdown instead, so that
+    // modules undo what they set up. One that was ignored when the process
+    // started (nohup, a shell's background job) stays ignored, except the two
+    // that always stop the engine.
     sigset_t stop_signals;
     sigemptyset(&stop_signals);
     sigaddset(&stop_signals, SIGINT);
     sigaddset(&stop_signals, SIGTERM);
+    for (int sig : {SIGHUP, SIGQUIT, SIGUSR1, SIGUSR2, SIGALRM, SIGVTALRM, SIGPROF, SIGXCPU, SIGPWR, SIGIO}) {
+        struct sigaction current {};
+        if (sigaction(sig, nullptr, &current) == 0 && current.sa_handler != SIG_IGN) sigaddset(&stop_signals, sig);
+    }
     sigset_t before;
     pthread_sigmask(SIG_BLOCK, &stop_signals, &before);
     sigemptyset(&m_unblock_on_exit);
-    for (int sig : {SIGINT, SIGTERM}) {
-        if (sigismember(&before, sig) == 0) sigaddset(&m_unblock_on_exit, sig);
+    for (int sig = 1; sig < NSIG; ++sig) {
+        if (sigismember(&stop_signals, sig) == 1 && sigismember(&before, sig) == 0) sigaddset(&m_unblock_on_exit, sig);
     }
     m_signal_fd = ::signalfd(-1, &stop_signals, SFD_CLOEXEC | SFD_NONBLOCK);
     m_stop_fd = ::eventfd(0, EFD_CLOEXEC | EFD_NONBLOCK);

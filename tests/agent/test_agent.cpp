@@ -3,15 +3,18 @@
 #include <fcntl.h>
 #include <signal.h>
 #include <sys/file.h>
+#include <sys/socket.h>
 #include <sys/stat.h>
 #include <sys/wait.h>
 #include <unistd.h>
 
 #include <algorithm>
 #include <cstdio>
+#include <filesystem>
 #include <fstream>
 #include <regex>
 #include <string>
+#include <thread>
 #include <vector>
 
 #include "TracefsTest.h"
@@ -20,27 +23,38 @@ namespace {
 
 using AgentTest = TracefsTest;
 
-TEST_F(AgentTest, ExecOfSpawnedTrueIsPrintedAsTextAndJsonAndSigintCleansUp) {
+TEST_F(AgentTest, ExecOfSpawnedTrueIsPrintedAsTextAndJsonAndAStopSignalCleansUp) {
+    // A copy of the module besides the one the agent links: both in one process.
+    const std::string copy = "/tmp/ftrace_agent_module_copy_" + std::to_string(getpid());
+    mkdir(copy.c_str(), 0755);
+    std::filesystem::copy_file(FTRACE_BUILD_LIB_DIR "/libftrace_module.so", copy + "/libftrace_module.so",
+                               std::filesystem::copy_options::overwrite_existing);
     // The exec line of a pid is (^|\n) before + pid + after, with no line feed in between.
     const struct {
         const char* format;
         const char* before;
         const char* after;
+        int stop_signal;
+        std::vector<std::string> options;
     } cases[] = {
-        {"text", "sched:sched_process_exec [^\n]* pid: ", ",[^\n]*filename: /bin/true"},
-        {"json", R"(\{"name":"sched:sched_process_exec"[^\n]*"pid":)", R"(,[^\n]*"filename":"/bin/true\\u0000")"},
+        // The default module directory: build/module, as <prefix>/module when installed.
+        {"text", "sched:sched_process_exec [^\n]* pid: ", ",[^\n]*filename: /bin/true", SIGINT, {}},
+        // A closed terminal; a duration longer than a clock can hold means until stopped.
+        {"json", R"(\{"name":"sched:sched_process_exec"[^\n]*"pid":)", R"(,[^\n]*"filename":"/bin/true\\u0000")", SIGHUP,
+         {"--module-dir=" + copy, "--duration=1e308"}},
     };
     for (const auto& c : cases) {
         SCOPED_TRACE(c.format);
-        // The default module directory: build/module, as <prefix>/module when installed.
-        AgentProcess agent({std::string("--format=") + c.format});
+        std::vector<std::string> options = c.options;
+        options.push_back(std::string("--format=") + c.format);
+        AgentProcess agent(options);
         if (!WaitUntilTracing(agent, "sched_process_exec")) return;
         const pid_t pid = SpawnTrue();
         // Records reach the reader at the buffer watermark or after its bounded 1000 ms wait.
         const std::regex exec_line(std::string("(^|\n)") + c.before + std::to_string(pid) + c.after);
         EXPECT_TRUE(WaitFor([&] { return std::regex_search(agent.Stdout(), exec_line); }, 15))
             << "no exec line for pid " << pid << " in:\n" << agent.Stdout();
-        agent.Signal(SIGINT);
+        agent.Signal(c.stop_signal);
         EXPECT_EQ(agent.Wait(std::chrono::seconds(20)), 0) << agent.Stderr();
         EXPECT_NE(agent.Stderr().find("sched:sched_process_exec: "), std::string::npos) << agent.Stderr();
         EXPECT_NE(agent.Stderr().find("dropped events"), std::string::npos) << agent.Stderr();
@@ -58,6 +72,7 @@ TEST_F(AgentTest, ExecOfSpawnedTrueIsPrintedAsTextAndJsonAndSigintCleansUp) {
         fwrite(out.data(), 1, out.size(), check);
         EXPECT_EQ(pclose(check), 0) << out;
     }
+    std::filesystem::remove_all(copy);
 }
 
 TEST_F(AgentTest, RefusalsExitTwoWithOneLineSayingWhatToDo) {
@@ -65,6 +80,16 @@ TEST_F(AgentTest, RefusalsExitTwoWithOneLineSayingWhatToDo) {
     const std::string broken = "/tmp/ftrace_agent_broken_module_" + std::to_string(getpid());
     mkdir(broken.c_str(), 0755);
     std::ofstream(broken + "/libftrace_module.so") << "This is not a shared object, only text long enough for an ELF header.\n";
+    // FIFOs, whose open() would wait for a writer for ever, beside a good module.
+    const std::string fifos = broken + "_fifos", unreadable = broken + "_unreadable";
+    mkdir(fifos.c_str(), 0755);
+    mkdir(unreadable.c_str(), 0);
+    symlink(FTRACE_BUILD_LIB_DIR "/libftrace_module.so", (fifos + "/libftrace_module.so").c_str());
+    mkfifo((fifos + "/log").c_str(), 0644);
+    mkfifo((fifos + "/other.so").c_str(), 0644);
+    const std::vector<std::string> root_without_dac = {"/usr/bin/setpriv",
+                                                      "--bounding-set=-dac_override,-dac_read_search"};
+    const std::string see_help = "; see ftrace-agent --help\n";
     struct Case {
         std::vector<std::string> options;
         std::string stderr_text;
@@ -81,12 +106,31 @@ TEST_F(AgentTest, RefusalsExitTwoWithOneLineSayingWhatToDo) {
          "cannot load module " + broken + "/libftrace_module.so: " + broken +
              "/libftrace_module.so: invalid ELF header; reinstall the agent or point --module-dir at a working copy\n"},
         {{}, "instance ZEV is in use by another ftrace-agent (pid 4242): stop that one first\n", {}, true},
+        {{"--module-dir=" + fifos},
+         "cannot load module " + fifos + "/other.so: not a regular file; fix it or remove it from the module directory\n"},
+        {{"--log-file=" + fifos + "/log"}, "cannot open log file " + fifos +
+                                              "/log: not a regular file; give --log-file the path of a writable regular file\n"},
+        {{"--module-dir=" + unreadable},
+         "cannot load module " + unreadable + "/libftrace_module.so: permission denied; point --module-dir at the "
+         "directory holding libftrace_module.so\n", root_without_dac},
+        {{"stray"}, "ftrace-agent: unexpected argument 'stray': the agent takes options only, each as --name=value" + see_help},
+        {{"--", "--events=x"}, "ftrace-agent: unexpected argument '--events=x': the agent takes options only, each as "
+                               "--name=value" + see_help},
+        {{"--module-dir="}, "ftrace-agent: Invalid option argument: --module-dir: empty; leave the option out for the "
+                            "default" + see_help},
+        {{"--log-file="}, "ftrace-agent: Invalid option argument: --log-file: empty; leave the option out for standard "
+                          "error" + see_help},
+        // Control bytes are spelt out: one line, and no escape sequence reaches the terminal.
+        {{"--events=sched:sched_switch\n"}, "unknown event sched:sched_switch\\n: the kernel does not "
+         "offer it; choose one listed in " + kTracing + "/available_events\n"},
+        {{"--events=sched:\x1b[2J"}, "unknown event sched:\\x1b[2J: the kernel does not offer it; choose one listed in " +
+         kTracing + "/available_events\n"},
     };
     // Names with "/" or ".." would reach other files through the module,
     // which does not check them: refused before it is loaded.
     for (const std::string name : {"nosuch:event", "sched:../../x", "sched/../sched:sched_switch",
                                    "sched:../sched/sched_switch", "sched:sched_switch/../sched_wakeup", "..:..",
-                                   "sched:*", "sched: sched_switch", "sched:sched_switch\n"}) {
+                                   "sched:*", "sched: sched_switch"}) {
         cases.push_back({{"--events=sched:sched_process_exec," + name},
                          "unknown event " + name + ": the kernel does not offer it; choose one listed in " + kTracing +
                              "/available_events\n"});
@@ -108,31 +152,45 @@ TEST_F(AgentTest, RefusalsExitTwoWithOneLineSayingWhatToDo) {
         EXPECT_EQ(agent.Stderr(), c.stderr_text);
         EXPECT_EQ(agent.Stdout(), "");
     }
-    unlink((broken + "/libftrace_module.so").c_str());
-    rmdir(broken.c_str());
+    for (const auto& dir : {broken, fifos, unreadable}) std::filesystem::remove_all(dir);
 }
 
 TEST_F(AgentTest, CountAndPidFilterLimitWhatIsPrinted) {
-    // Only the sleeping child is traced: its exit is the one message, then the agent stops by itself.
-    const pid_t sleeper = fork();
-    if (sleeper == 0) {
-        execl("/bin/sleep", "sleep", "60", static_cast<char*>(nullptr));
-        _exit(127);
+    // Traced: one process, with the thread it has at start and the child that
+    // thread starts later. That child's exec is the one message, then the
+    // agent stops by itself.
+    int sockets[2];
+    ASSERT_EQ(socketpair(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC, 0, sockets), 0);
+    const pid_t traced = fork();
+    if (traced == 0) {
+        std::thread([&] {
+            char byte = 'r';
+            if (write(sockets[1], &byte, 1) != 1 || read(sockets[1], &byte, 1) != 1) return;
+            if (fork() == 0) {
+                execl("/bin/sleep", "sleep", "0", static_cast<char*>(nullptr));
+                _exit(127);
+            }
+            wait(nullptr);
+        }).join();
+        _exit(0);
     }
-    AgentProcess agent({"--events=sched:sched_process_exit,sched:sched_process_exec",
-                        "--pid=" + std::to_string(sleeper), "--count=1", "--format=json"});
-    if (WaitUntilTracing(agent, "sched_process_exit")) {
-        EXPECT_EQ(Read(kZev + "/set_event_pid"), std::to_string(sleeper) + "\n");
+    char ready = 0;
+    EXPECT_EQ(read(sockets[0], &ready, 1), 1);  // its thread exists
+    AgentProcess agent({"--events=sched:sched_process_exec", "--pid=" + std::to_string(traced), "--count=1",
+                        "--format=json"});
+    if (WaitUntilTracing(agent, "sched_process_exec")) {
         for (int i = 0; i < 5; ++i) SpawnTrue();  // not traced
     }
-    kill(sleeper, SIGTERM);
-    waitpid(sleeper, nullptr, 0);
+    EXPECT_EQ(write(sockets[0], "g", 1), 1);
+    waitpid(traced, nullptr, 0);
+    close(sockets[0]);
+    close(sockets[1]);
     if (HasFailure() || IsSkipped()) return;
     EXPECT_EQ(agent.Wait(std::chrono::seconds(25)), 0) << agent.Stderr();
     const std::string out = agent.Stdout();
     EXPECT_EQ(std::count(out.begin(), out.end(), '\n'), 1) << out;
-    EXPECT_EQ(out.rfind("{\"name\":\"sched:sched_process_exit\"", 0), 0u) << out;
-    EXPECT_NE(out.find("\"pid\":" + std::to_string(sleeper) + ","), std::string::npos) << out;
+    EXPECT_EQ(out.rfind("{\"name\":\"sched:sched_process_exec\"", 0), 0u) << out;
+    EXPECT_NE(out.find(R"("filename":"/bin/sleep\u0000")"), std::string::npos) << out;
 }
 
 }  // namespace

@@ -167,7 +167,8 @@ TEST(FtraceControlTest, RemovingAPidRewritesTheKeptLines) {
 
 // Every committed format, a record filled with a pattern (and a valid location
 // word for each __data_loc field): every field decodes as libtraceevent reads
-// it, and reads as nothing once the record ends before the field's last byte.
+// it, also when the record carries no size, and reads as nothing once the
+// record's size ends before the field's last byte.
 TEST(FtraceViewsTest, DecodingMatchesLibtraceeventForEveryFixture) {
     TempTracingDir tracing("views");
     Ftrace ftrace("views");
@@ -206,15 +207,19 @@ TEST(FtraceViewsTest, DecodingMatchesLibtraceeventForEveryFixture) {
         trace_seq_init(&seq);
         for (FtraceField field : FtraceEvent::FtraceEventFields(event)) {
             SCOPED_TRACE(field.name());
-            if (field.is_array()) {
-                int size = 0;
-                const void* raw = tep_get_field_raw(&seq, event.get(), field.name().c_str(), &record, &size, 0);
-                ASSERT_NE(raw, nullptr);
-                EXPECT_EQ(decoded.get_string(field), std::string(static_cast<const char*>(raw), size));
-            } else {
-                unsigned long long expected = 0;
-                if (tep_read_number_field(field.get(), data.data(), &expected) != 0) expected = 0;
-                EXPECT_EQ(decoded.get(field), expected);
+            // A record built without a size (0) reads as laid out, like one that has it.
+            for (const int record_size : {static_cast<int>(data.size()), 0}) {
+                record.size = record_size;
+                if (field.is_array()) {
+                    int size = 0;
+                    const void* raw = tep_get_field_raw(&seq, event.get(), field.name().c_str(), &record, &size, 0);
+                    ASSERT_NE(raw, nullptr);
+                    EXPECT_EQ(decoded.get_string(field), std::string(static_cast<const char*>(raw), size));
+                } else {
+                    unsigned long long expected = 0;
+                    if (tep_read_number_field(field.get(), data.data(), &expected) != 0) expected = 0;
+                    EXPECT_EQ(decoded.get(field), expected);
+                }
             }
             // One byte short of what the field needs (a string's data included): nothing is read.
             uint32_t needed = field.offset() + field.size(), location = 0;

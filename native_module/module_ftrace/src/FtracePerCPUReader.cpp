@@ -94,6 +94,9 @@ int FtracePerCPUReader::read_once(const Ftrace& ftrace, int fd, Callback callbac
         if (static_cast<size_t>(static_cast<unsigned int>(record.size)) > page_size - at) {
             record.size = static_cast<int>(page_size - at);
         }
+        // No bytes, so no event; and a record view without a size is not
+        // bounded by one.
+        if (record.size == 0) continue;
         const FtraceEvent event = ftrace.get_event(ftrace.event_id(&record));
         if (!event) continue;  // not in the catalogue: nobody asked for it
         FtraceRecord ftrace_record(event, &record);

@@ -93,13 +93,15 @@ public:
     FtraceRecord(const FtraceEvent& event, tep_record* record) : m_event(event), m_record(record) {}
 
     // Unsigned host-order integer of 1, 2, 4 or 8 bytes at data + offset; other
-    // sizes, and bytes not all inside the record's size, read 0. Inline: the
+    // sizes read 0. A record that carries its size (size > 0, as every record
+    // the reader hands over does) also reads 0 for bytes not all inside it; one
+    // built without a size is read as its caller laid it out. Inline: the
     // ftrace task reads every field of every record through it.
     uint64_t get_number(int offset, int size) const;
     // Where the value of an array field with this offset and size lies: `size`
     // bytes at `offset`, or, for a __data_loc field, what its location word
     // says (offset low 16 bits, length high 16 bits). False when the value is
-    // empty or not all inside the record's size.
+    // empty or not all inside the record's size (where the record carries one).
     bool get_string_extent(int offset, int size, bool dynamic, uint64_t* start, uint64_t* length) const;
     uint64_t get(const FtraceField& field) const;
     uint64_t get(const std::string& name) const;
@@ -136,7 +138,10 @@ inline uint64_t FtraceRecord::get_number(int offset, int size) const {
     // A corrupt record (or a format that does not match it) must not make us
     // read past the record, which may be the end of the page buffer.
     if (offset < 0 || size <= 0) return 0;
-    if (static_cast<uint64_t>(offset) + static_cast<uint64_t>(size) > static_cast<uint32_t>(m_record->size)) return 0;
+    if (m_record->size > 0 &&
+        static_cast<uint64_t>(offset) + static_cast<uint64_t>(size) > static_cast<uint32_t>(m_record->size)) {
+        return 0;
+    }
     const unsigned char* at = static_cast<const unsigned char*>(m_record->data) + offset;
     switch (size) {
         case 1: return ftrace_detail::read_host<uint8_t>(at);
@@ -156,7 +161,7 @@ inline bool FtraceRecord::get_string_extent(int offset, int size, bool dynamic, 
         *start = location & 0xffff;
         *length = location >> 16;
     }
-    return *length != 0 && *start + *length <= static_cast<uint32_t>(m_record->size);
+    return *length != 0 && (m_record->size <= 0 || *start + *length <= static_cast<uint32_t>(m_record->size));
 }
 
 // The tracefs instance, the libtraceevent parser handle with its plug-ins, and

@@ -58,8 +58,11 @@ public:
     Task* FindTask(const std::string& name) const;
     std::vector<std::string> TaskNames() const;
 
-    // Blocks until SIGINT or SIGTERM (or RequestStop) and returns the signal (0 for RequestStop).
-    // The constructor blocks both signals in the constructing thread, and every
+    // Blocks until a stop signal (or RequestStop) and returns the signal (0 for RequestStop).
+    // Stop signals: SIGINT, SIGTERM, and SIGHUP, SIGQUIT, SIGUSR1, SIGUSR2,
+    // SIGALRM, SIGVTALRM, SIGPROF, SIGXCPU, SIGPWR and SIGIO unless ignored
+    // when the engine was constructed.
+    // The constructor blocks them in the constructing thread, and every
     // thread started later inherits that, so a signal stays pending until it is
     // taken here (through a signalfd). Construct the engine on the main thread
     // before any other thread exists. Once RequestStop was called, returns 0 at once.

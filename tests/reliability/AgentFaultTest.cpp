@@ -76,17 +76,15 @@ TEST_F(AgentFaultTest, StopsPromptlyAndPrintsOrCountsEverythingBeforeIt) {
         bool storm;
         int rounds;
     } cases[] = {
-        {{"--events=sched:sched_process_exec", "--duration=0.8"}, false, 8},
-        {{kEventsOption}, true, 1},
-        {{kEventsOption, "--cpu-limit=1"}, true, 1},
+        {{"--format=json", "--events=sched:sched_process_exec", "--duration=0.8"}, false, 8},
+        {{"--format=json", kEventsOption}, true, 1},
+        {{"--format=json", kEventsOption, "--cpu-limit=1"}, true, 1},
     };
     for (const auto& c : cases) {
         for (int round = 0; round < c.rounds; ++round) {
             SCOPED_TRACE(c.options.back() + ", round " + std::to_string(round));
             PrintedEvents printed;
-            std::vector<std::string> options = c.options;
-            options.push_back("--format=json");
-            AgentProcess agent(options, [&](const char* line, size_t length) { printed.Line(line, length); });
+            AgentProcess agent(c.options, [&](const char* line, size_t length) { printed.Line(line, length); });
             if (!WaitUntilTracing(agent, "sched_process_exec")) return;
             std::unique_ptr<SchedulerStorm> storm;
             if (c.storm) {
@@ -107,7 +105,7 @@ TEST_F(AgentFaultTest, StopsPromptlyAndPrintsOrCountsEverythingBeforeIt) {
                 std::cout << "stopped " << stop.count() << " s after SIGTERM\n";
                 EXPECT_LT(stop.count(), 5.0) << agent.Stderr();
             }
-            const auto missing = std::count_if(execs.begin(), execs.end(), [&](pid_t pid) { return !printed.Printed(pid, true); });
+            const auto missing = std::count_if(execs.begin(), execs.end(), [&](pid_t p) { return !printed.Printed(p, true); });
             EXPECT_LE(static_cast<uint64_t>(missing), Counted(agent.Stderr())) << agent.Stderr();
             EXPECT_FALSE(ZevExists());
         }

@@ -70,7 +70,7 @@ if ! kill -0 "$agent_pid" 2>/dev/null || [ "$(cat $ZEV/events/sched/sched_switch
     cat "$WORK/agent.err" >&2
     exit 1
 fi
-# ZEV may have existed before (it is adopted then): count the difference.
+# Counted as a difference, should ZEV have existed before the agent started.
 overrun0=$(zev_stat overrun); dropped0=$(zev_stat "dropped events")
 cpu0=$(cpu_ns "$agent_pid")
 perf bench sched pipe -l "$LOOPS" > "$WORK/pipe.out"

@@ -107,9 +107,9 @@ private:
 // Serves its queue as the agent's tasks do: sleep while it is empty, else consume.
 class LoopTask : public Framework::Task {
 public:
-    explicit LoopTask(const std::string& name, unsigned int queue_size = 64,
-                      Framework::TaskCondition::TaskType type = Framework::TaskCondition::TASK_TYPE_NORMAL)
-        : Task(name, "test_feature", type, queue_size) {}
+    // A collector: the engine stops it before the other tasks.
+    explicit LoopTask(const std::string& name, unsigned int queue_size = 64)
+        : Task(name, "test_feature", Framework::TaskCondition::TASK_TYPE_COLLECTOR, queue_size) {}
     int Run() override {
         while (state() != TASK_CANCELLING) {
             if (MessageEmpty()) {
@@ -178,15 +178,12 @@ TEST(Task, EnqueueWakesATaskWaitingForEvents) {
 class ProbeModule : public Framework::Module {
 public:
     ProbeModule() : Module("probe_module") {}
-    // A collector: stopped before the lifecycle task, although registered after it.
-    int Init() override {
-        return RegisterTask(new LoopTask("probe_task", 64, Framework::TaskCondition::TASK_TYPE_COLLECTOR), true);
-    }
+    int Init() override { return RegisterTask(new LoopTask("probe_task"), true); }
 };
 
 // lifecycle_task answers a message with a "hello" to probe_task. Both wait
 // without a time-out: the hello arrives only if the lifecycle task's thread
-// wakes the task it enqueued to.
+// wakes the task it enqueued to. probe_task, a collector, stops first.
 TEST(Engine, RunsModuleTasksThatTalkByNameAndShutsDownInOrder) {
     {
         Framework::Engine engine;

@@ -1,13 +1,18 @@
 // Faults around the agent process: killed with SIGKILL and started again, and
-// stopped by SIGTERM in the middle of a scheduler storm.
+// stopped by the end of --duration right after a burst of execs, or by
+// SIGTERM in the middle of a scheduler storm.
 
 #include <signal.h>
-#include <sys/stat.h>
 
+#include <algorithm>
 #include <chrono>
+#include <fstream>
 #include <iostream>
+#include <memory>
+#include <regex>
 #include <string>
 #include <thread>
+#include <vector>
 
 #include "SchedulerStorm.h"
 #include "TracefsTest.h"
@@ -19,10 +24,21 @@ using AgentFaultTest = TracefsTest;
 const char* const kEvents[] = {"sched_switch", "sched_process_exec", "sched_process_exit"};
 const std::string kEventsOption = "--events=sched:sched_switch,sched:sched_process_exec,sched:sched_process_exit";
 
-// SIGKILL leaves the instance behind with its events on. The next start
-// adopts it and traces; its clean stop switches the events off but leaves
-// the instance, which it did not make.
-TEST_F(AgentFaultTest, KilledAgentLeavesInstanceThatTheNextStartAdopts) {
+// Events the summary reports as not printed: lost or left unread in the
+// kernel, or dropped by the agent.
+uint64_t Counted(const std::string& summary) {
+    static const std::regex count(R"((overrun|dropped events|\(instance ZEV\):|\(queue full\):) (\d+))");
+    uint64_t counted = 0;
+    for (std::sregex_iterator it(summary.begin(), summary.end(), count), end; it != end; ++it)
+        counted += std::stoull((*it)[2]);
+    return counted;
+}
+
+// SIGKILL leaves the instance behind with its events on, still recording and
+// losing. The next start removes it and traces in a fresh one: nothing
+// recorded before it started is printed, the loss it reports is its own, and
+// its clean stop removes the instance.
+TEST_F(AgentFaultTest, KilledAgentsInstanceIsReplacedAtTheNextStart) {
     {
         AgentProcess killed({kEventsOption});
         if (!WaitUntilTracing(killed, "sched_process_exit")) return;
@@ -31,47 +47,68 @@ TEST_F(AgentFaultTest, KilledAgentLeavesInstanceThatTheNextStartAdopts) {
     }
     ASSERT_TRUE(ZevExists());
     for (const char* event : kEvents) EXPECT_EQ(Enabled(event), "1") << event;
+    ASSERT_TRUE(std::ofstream(kZev + "/buffer_size_kb") << "4" << std::flush);  // overflows at once
+    std::vector<pid_t> before(5);
+    ASSERT_TRUE(WaitFor([&] {
+        for (pid_t& pid : before) pid = SpawnTrue();
+        return ZevLost() >= 1000;
+    }, 30));
+    const uint64_t dead_runs_loss = ZevLost();
     PrintedEvents printed;
     AgentProcess agent({kEventsOption, "--format=json"}, [&](const char* line, size_t length) { printed.Line(line, length); });
-    // The events are on already, so a child may come before the agent subscribed.
     EXPECT_TRUE(TraceAChild(printed, 60)) << "no exec and exit of a child printed\n" << agent.Stderr();
     agent.Signal(SIGTERM);
     ASSERT_EQ(agent.Wait(std::chrono::seconds(30)), 0) << agent.Stderr();
-    EXPECT_NE(agent.Stderr().find("instance ZEV exists already"), std::string::npos) << agent.Stderr();
-    EXPECT_TRUE(ZevExists()) << "an adopted instance must be left in place";
-    for (const char* event : kEvents) EXPECT_EQ(Enabled(event), "0") << event;
-    EXPECT_TRUE(RemoveZev());
+    EXPECT_NE(agent.Stderr().find("removed instance ZEV, left behind"), std::string::npos) << agent.Stderr();
+    for (const pid_t pid : before) EXPECT_FALSE(printed.Printed(pid, true) || printed.Printed(pid, false)) << pid;
+    EXPECT_LT(Counted(agent.Stderr()), dead_runs_loss) << agent.Stderr();
+    EXPECT_FALSE(ZevExists());
 }
 
-// The stop is noticed after at most one 1000 ms wait and one drain of every
-// CPU, also while the scheduler floods the buffers. Every event is off
-// afterwards; the instance is removed only if this agent made it.
-TEST_F(AgentFaultTest, SigtermInSchedulerStormStopsPromptlyAndCleanly) {
-    ASSERT_TRUE(SchedulerStorm::HavePerf()) << "perf is needed for the scheduler storm (package linux-perf)";
-    for (const bool adopted : {false, true}) {
-        SCOPED_TRACE(adopted ? "instance adopted" : "instance made by the agent");
-        if (adopted) {
-            ASSERT_EQ(mkdir(kZev.c_str(), 0755), 0);
+// Every exec of a burst just before the stop is printed or counted in the
+// summary (repeated: the race is narrow). The stop comes after at most one
+// 1000 ms wait and one drain of every CPU, also while the scheduler floods
+// the buffers and under the tightest CPU budget. Every event goes off with
+// the instance.
+TEST_F(AgentFaultTest, StopsPromptlyAndPrintsOrCountsEverythingBeforeIt) {
+    const struct {
+        std::vector<std::string> options;
+        bool storm;
+        int rounds;
+    } cases[] = {
+        {{"--format=json", "--events=sched:sched_process_exec", "--duration=0.8"}, false, 8},
+        {{"--format=json", kEventsOption}, true, 1},
+        {{"--format=json", kEventsOption, "--cpu-limit=1"}, true, 1},
+    };
+    for (const auto& c : cases) {
+        for (int round = 0; round < c.rounds; ++round) {
+            SCOPED_TRACE(c.options.back() + ", round " + std::to_string(round));
+            PrintedEvents printed;
+            AgentProcess agent(c.options, [&](const char* line, size_t length) { printed.Line(line, length); });
+            if (!WaitUntilTracing(agent, "sched_process_exec")) return;
+            std::unique_ptr<SchedulerStorm> storm;
+            if (c.storm) {
+                ASSERT_TRUE(SchedulerStorm::HavePerf()) << "perf is needed for the scheduler storm (package linux-perf)";
+                storm = std::make_unique<SchedulerStorm>(1000000000, 0, false);  // more than the agent can read
+                std::this_thread::sleep_for(std::chrono::seconds(3));
+            }
+            std::vector<pid_t> execs(20);
+            for (pid_t& pid : execs) pid = SpawnTrue();
+            ASSERT_TRUE(agent.Running()) << "stopped before the execs were spawned\n" << agent.Stderr();
+            const auto stopping = std::chrono::steady_clock::now();
+            if (c.storm) agent.Signal(SIGTERM);
+            const int status = agent.Wait(std::chrono::seconds(60));
+            const std::chrono::duration<double> stop = std::chrono::steady_clock::now() - stopping;
+            EXPECT_TRUE(!storm || storm->Stop()) << "perf bench sched pipe failed";
+            ASSERT_EQ(status, 0) << agent.Stderr();
+            if (c.storm) {
+                std::cout << "stopped " << stop.count() << " s after SIGTERM\n";
+                EXPECT_LT(stop.count(), 5.0) << agent.Stderr();
+            }
+            const auto missing = std::count_if(execs.begin(), execs.end(), [&](pid_t p) { return !printed.Printed(p, true); });
+            EXPECT_LE(static_cast<uint64_t>(missing), Counted(agent.Stderr())) << agent.Stderr();
+            EXPECT_FALSE(ZevExists());
         }
-        AgentProcess agent({kEventsOption, "--format=none"});
-        if (!WaitUntilTracing(agent, "sched_switch")) return;
-        SchedulerStorm storm(1000000000, 0, false);  // more than the agent can read
-        std::this_thread::sleep_for(std::chrono::seconds(3));
-        ASSERT_TRUE(agent.Running()) << agent.Stderr();
-        const auto signalled = std::chrono::steady_clock::now();
-        agent.Signal(SIGTERM);
-        const int status = agent.Wait(std::chrono::seconds(60));
-        const std::chrono::duration<double> stop = std::chrono::steady_clock::now() - signalled;
-        EXPECT_TRUE(storm.Stop()) << "perf bench sched pipe failed";
-        ASSERT_EQ(status, 0) << agent.Stderr();
-        std::cout << "stopped " << stop.count() << " s after SIGTERM\n";
-        EXPECT_LT(stop.count(), 5.0) << agent.Stderr();
-        EXPECT_NE(agent.Stderr().find("sched:sched_switch: "), std::string::npos) << agent.Stderr();
-        EXPECT_EQ(ZevExists(), adopted);
-        if (!adopted) continue;
-        for (const char* event : kEvents) EXPECT_EQ(Enabled(event), "0") << event;
-        EXPECT_EQ(Read(kZev + "/set_event"), "");
-        ASSERT_TRUE(RemoveZev());
     }
 }
 

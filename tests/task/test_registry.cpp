@@ -74,23 +74,18 @@ TEST(WatchRegistryTest, EnableOnEveryNewSubscriberDisableOnLast) {
 // however full: after trace_marker lines overfilled the buffers, one drain
 // of each CPU leaves nothing unread.
 TEST(FtraceTaskDrainTest, OneDrainEmptiesAFullBuffer) {
-    const bool existed = std::filesystem::exists(tasktest::kInstanceDir);
-    {
-        Engine::FtraceTask task;
-        ASSERT_TRUE(task.ftrace().tracefs().IsValid());
-        ASSERT_EQ(task.Init(), 0);
-        const int marker = open((tasktest::kInstanceDir + "/trace_marker").c_str(), O_WRONLY | O_CLOEXEC);
-        const std::string line(200, 'x');
-        for (int i = 0; i < 20000; ++i) ASSERT_EQ(write(marker, line.data(), line.size()), 200);
-        close(marker);
-        for (FtracePerCPUReader* reader : task.readers()) {
-            const std::string cpu = tasktest::kInstanceDir + "/per_cpu/cpu" + std::to_string(reader->cpu());
-            const int pipe = open((cpu + "/trace_pipe_raw").c_str(), O_RDONLY | O_NONBLOCK | O_CLOEXEC);
-            task.read_ftrace_event(pipe, ~0u, reader);
-            close(pipe);
-            EXPECT_EQ(tasktest::ReadText(cpu + "/stats").rfind("entries: 0\n", 0), 0u) << cpu;
-        }
-        task.UnInit();
+    Engine::FtraceTask task;
+    ASSERT_TRUE(task.ftrace().tracefs().IsValid());
+    ASSERT_EQ(task.Init(), 0);
+    const int marker = open((tasktest::kInstanceDir + "/trace_marker").c_str(), O_WRONLY | O_CLOEXEC);
+    const std::string line(200, 'x');
+    for (int i = 0; i < 20000; ++i) ASSERT_EQ(write(marker, line.data(), line.size()), 200);
+    close(marker);
+    for (FtracePerCPUReader* reader : task.readers()) {
+        const std::string cpu = tasktest::kInstanceDir + "/per_cpu/cpu" + std::to_string(reader->cpu());
+        const int pipe = open((cpu + "/trace_pipe_raw").c_str(), O_RDONLY | O_NONBLOCK | O_CLOEXEC);
+        task.read_ftrace_event(pipe, ~0u, reader);
+        close(pipe);
+        EXPECT_EQ(tasktest::ReadText(cpu + "/stats").rfind("entries: 0\n", 0), 0u) << cpu;
     }
-    EXPECT_EQ(std::filesystem::exists(tasktest::kInstanceDir), existed);
 }

@@ -188,7 +188,9 @@ void FtraceAgent::handleOption(const std::string& name, const std::string& value
             }
             m_options.log_level = value;
         } else if (name == "log-file") {
-            if (value.empty()) throw std::invalid_argument("--log-file: empty; leave the option out for standard error");
+            if (value.empty()) {
+                throw std::invalid_argument("--log-file: empty; leave the option out for standard error");
+            }
             m_options.log_file = value;
         } else if (name == "daemon") {
             m_options.daemon = true;
@@ -405,8 +407,8 @@ int FtraceAgent::main(const std::vector<std::string>& args) {
     }
     // Words that are not options (and everything after "--") would otherwise be dropped unseen.
     if (!args.empty()) {
-        return Fail("ftrace-agent: unexpected argument '" + args.front() +
-                    "': the agent takes options only, each as --name=value; see ftrace-agent --help");
+        return Fail("ftrace-agent: unexpected argument '" + args.front() + "': the agent takes options only, each " +
+                    "as --name=value; see ftrace-agent --help");
     }
     std::string error;
     if (!ConfigureLogging(&error)) return Fail(error);

@@ -59,16 +59,20 @@ Engine::Engine() {
     // Every signal whose default would end the process unannounced and that a
     // person or the system sends to end a program (a closed terminal, a CPU
     // time limit, Ctrl-\) stops the engine through Shutdown instead, so that
-    // modules undo what they set up. One that was ignored when the process
-    // started (nohup, a shell's background job) stays ignored, except the two
-    // that always stop the engine.
+    // modules undo what they set up. Apart from SIGINT and SIGTERM, only one
+    // whose action is still the default is taken: one ignored at start
+    // (nohup, a shell's background job) stays ignored, and one that a library
+    // handles (a profiler's SIGPROF) stays with it.
     sigset_t stop_signals;
     sigemptyset(&stop_signals);
     sigaddset(&stop_signals, SIGINT);
     sigaddset(&stop_signals, SIGTERM);
     for (int sig : {SIGHUP, SIGQUIT, SIGUSR1, SIGUSR2, SIGALRM, SIGVTALRM, SIGPROF, SIGXCPU, SIGPWR, SIGIO}) {
         struct sigaction current {};
-        if (sigaction(sig, nullptr, &current) == 0 && current.sa_handler != SIG_IGN) sigaddset(&stop_signals, sig);
+        if (sigaction(sig, nullptr, &current) == 0 && (current.sa_flags & SA_SIGINFO) == 0 &&
+            current.sa_handler == SIG_DFL) {
+            sigaddset(&stop_signals, sig);
+        }
     }
     sigset_t before;
     pthread_sigmask(SIG_BLOCK, &stop_signals, &before);

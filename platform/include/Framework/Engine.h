@@ -60,8 +60,8 @@ public:
 
     // Blocks until a stop signal (or RequestStop) and returns the signal (0 for RequestStop).
     // Stop signals: SIGINT, SIGTERM, and SIGHUP, SIGQUIT, SIGUSR1, SIGUSR2,
-    // SIGALRM, SIGVTALRM, SIGPROF, SIGXCPU, SIGPWR and SIGIO unless ignored
-    // when the engine was constructed.
+    // SIGALRM, SIGVTALRM, SIGPROF, SIGXCPU, SIGPWR and SIGIO where their
+    // action was the default when the engine was constructed.
     // The constructor blocks them in the constructing thread, and every
     // thread started later inherits that, so a signal stays pending until it is
     // taken here (through a signalfd). Construct the engine on the main thread

@@ -436,7 +436,8 @@ int FtraceAgent::RemoveLeftoverInstance(const std::string& tracing_dir) const {
     const std::string instance_dir = tracing_dir + "/instances/" + kInstanceName;
     if (access(instance_dir.c_str(), F_OK) != 0) return 0;
     if (rmdir(instance_dir.c_str()) != 0) {
-        return Fail("instance ZEV was left behind and cannot be removed (" + std::string(std::strerror(errno)) +
+        const std::string reason = std::strerror(errno);
+        return Fail("instance ZEV was left behind and cannot be removed (" + reason +
                     "): a program has its files open; stop it, then rmdir " + instance_dir);
     }
     Log(Poco::Message::PRIO_WARNING,

@@ -40,6 +40,9 @@ int ExecLoggerTask::Run() {
         if (MessageEmpty()) GetEventWaiter().WaitAndHandleEvent(500, 16);
         BulkConsumeMsg(256);
     }
+    // The ftrace task stopped before this one: what it sent last is still queued.
+    while (BulkConsumeMsg(256) > 0) {
+    }
     return 0;
 }
 

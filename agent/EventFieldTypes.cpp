@@ -27,10 +27,14 @@ const std::vector<FieldType>* EventFieldTypes::Fields(const std::string& event_n
 
 int64_t EventFieldTypes::Signed(uint64_t value, int size) {
     switch (size) {
-        case 1: return static_cast<int8_t>(value);
-        case 2: return static_cast<int16_t>(value);
-        case 4: return static_cast<int32_t>(value);
-        default: return static_cast<int64_t>(value);
+        case 1:
+            return static_cast<int8_t>(value);
+        case 2:
+            return static_cast<int16_t>(value);
+        case 4:
+            return static_cast<int32_t>(value);
+        default:
+            return static_cast<int64_t>(value);
     }
 }
 

@@ -31,7 +31,9 @@ void AppendTextString(std::string& out, const std::string& bytes) {
     }
 }
 
-bool IsCommon(const std::string& key) { return key.compare(0, 7, "common_") == 0; }
+bool IsCommon(const std::string& key) {
+    return key.compare(0, 7, "common_") == 0;
+}
 
 }  // namespace
 
@@ -56,7 +58,8 @@ void MessageFormatter::AppendText(std::string& out, const Engine::FtraceMessage&
     const auto* fields = m_types.Fields(message.name());
     const uint64_t timestamp = message.get_number("timestamp");
     char head[64];
-    std::snprintf(head, sizeof head, "%" PRIu64 ".%06" PRIu64 " ", timestamp / 1000000000, timestamp % 1000000000 / 1000);
+    std::snprintf(head, sizeof head, "%" PRIu64 ".%06" PRIu64 " ", timestamp / 1000000000,
+                  timestamp % 1000000000 / 1000);
     out += head;
     AppendNumber(out, fields, "common_pid", message.get_number("common_pid"));
     out += ' ';

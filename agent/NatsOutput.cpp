@@ -14,9 +14,9 @@
 namespace Agent {
 namespace {
 
-constexpr uint64_t kWindow = 4096;        // messages published and not yet acknowledged
-constexpr size_t kBatch = 256;            // messages handed to the publisher at once
-constexpr int64_t kAckWaitMs = 5000;      // then a publish counts as failed and is sent again
+constexpr uint64_t kWindow = 4096;    // messages published and not yet acknowledged
+constexpr size_t kBatch = 256;        // messages handed to the publisher at once
+constexpr int64_t kAckWaitMs = 5000;  // then a publish counts as failed and is sent again
 constexpr auto kStartTry = std::chrono::seconds(3);
 constexpr auto kDrainAtStop = std::chrono::seconds(5);
 const char* const kMsgIdHeader = "Nats-Msg-Id";
@@ -200,8 +200,10 @@ bool NatsOutput::PrepareStream(natsConnection* connection, std::string* error) {
     // Which stream stores this host's subjects (the JetStream API's own lookup).
     const std::string request = "{\"subject\":\"" + m_settings.subject_prefix + "." + m_host + ".x.y\"}";
     natsMsg* reply = nullptr;
-    const natsStatus status = natsConnection_RequestString(&reply, connection, "$JS.API.STREAM.NAMES", request.c_str(), 5000);
-    const std::string answer = status == NATS_OK ? std::string(natsMsg_GetData(reply), natsMsg_GetDataLength(reply)) : "";
+    const natsStatus status =
+        natsConnection_RequestString(&reply, connection, "$JS.API.STREAM.NAMES", request.c_str(), 5000);
+    const std::string answer =
+        status == NATS_OK ? std::string(natsMsg_GetData(reply), natsMsg_GetDataLength(reply)) : "";
     natsMsg_Destroy(reply);
     if (status != NATS_OK) {
         *error = where + " has no JetStream (" + natsStatus_GetText(status) +
@@ -285,7 +287,8 @@ void NatsOutput::Publish() {
     std::unique_lock<std::mutex> lock(m_mutex);
     std::vector<Entry> sending;
     for (;;) {
-        if (m_stopping && ((m_queue.empty() && m_in_flight == 0) || std::chrono::steady_clock::now() >= m_stop_deadline)) {
+        if (m_stopping &&
+            ((m_queue.empty() && m_in_flight == 0) || std::chrono::steady_clock::now() >= m_stop_deadline)) {
             break;
         }
         if (!m_connected || m_queue.empty() || m_in_flight >= kWindow) {

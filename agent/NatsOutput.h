@@ -66,8 +66,8 @@ private:
 
     const NatsSettings& m_settings;
     MessageFormatter m_formatter;
-    std::string m_host;         // subject token
-    std::string m_id_prefix;    // unique per run
+    std::string m_host;       // subject token
+    std::string m_id_prefix;  // unique per run
     uint64_t m_sequence = 0;
     std::vector<Entry> m_batch;  // subscriber thread only
 

@@ -27,11 +27,13 @@ std::vector<std::string> NatsSettings::ParseServers(const std::string& text) {
     while (start <= text.size()) {
         const auto comma = text.find(',', start);
         const std::string url = text.substr(start, comma == std::string::npos ? std::string::npos : comma - start);
-        const std::string bad = "--output: '" + url + "' is not nats://HOST:PORT; give --output=nats://HOST:PORT[,nats://HOST:PORT...]";
+        const std::string bad =
+            "--output: '" + url + "' is not nats://HOST:PORT; give --output=nats://HOST:PORT[,nats://HOST:PORT...]";
         if (url.compare(0, 7, kScheme) != 0) throw std::invalid_argument(bad);
         const std::string address = url.substr(7);
         if (address.find('@') != std::string::npos) {
-            throw std::invalid_argument("--output: '" + url + "' holds credentials, which other users can read on the "
+            throw std::invalid_argument("--output: '" + url +
+                                        "' holds credentials, which other users can read on the "
                                         "command line; put them in a file for --nats-creds, --nats-token-file or "
                                         "--nats-user-file");
         }
@@ -59,12 +61,13 @@ void NatsSettings::DefineOptions(Poco::Util::OptionSet& options) {
                              "create the JetStream stream NAME over PREFIX.> if it does not exist, and publish to it "
                              "(default: publish to an existing stream that takes the subjects)")
                           .argument("NAME"));
-    options.addOption(Option("nats-replicas", "", "replicas of a stream created by --nats-stream (1-5, default 1)")
-                          .argument("N"));
+    options.addOption(
+        Option("nats-replicas", "", "replicas of a stream created by --nats-stream (1-5, default 1)").argument("N"));
     options.addOption(Option("nats-creds", "", "NATS credentials file (JWT and NKey seed)").argument("FILE"));
     options.addOption(Option("nats-token-file", "", "file holding the NATS token").argument("FILE"));
     options.addOption(Option("nats-user-file", "", "file holding user:password for NATS").argument("FILE"));
-    options.addOption(Option("nats-tls-ca", "", "connect with TLS, trusting the CA certificates in FILE").argument("FILE"));
+    options.addOption(
+        Option("nats-tls-ca", "", "connect with TLS, trusting the CA certificates in FILE").argument("FILE"));
     options.addOption(Option("nats-buffer", "",
                              "messages kept while the servers are away or slow: N messages or N MiB (\"64MiB\", the "
                              "default); beyond it the oldest are dropped and counted")
@@ -80,7 +83,8 @@ bool NatsSettings::HandleOption(const std::string& name, const std::string& valu
         subject_prefix = value;
     } else if (name == "nats-stream") {
         if (value.empty() || value.find_first_of(".*> \t/\\") != std::string::npos) {
-            throw std::invalid_argument("--nats-stream: '" + value + "' is not a stream name (no . * > / \\ or blanks)");
+            throw std::invalid_argument("--nats-stream: '" + value +
+                                        "' is not a stream name (no . * > / \\ or blanks)");
         }
         stream = value;
     } else if (name == "nats-replicas") {

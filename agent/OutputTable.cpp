@@ -17,11 +17,17 @@ struct Row {
 };
 
 const Row kRows[] = {
-    {"text", false, [](const OutputContext& c) -> std::unique_ptr<Output> { return std::make_unique<TextOutput>(c.fd, c.types); }},
-    {"raw", false, [](const OutputContext& c) -> std::unique_ptr<Output> { return std::make_unique<RawOutput>(c.fd, c.types); }},
-    {"json", false, [](const OutputContext& c) -> std::unique_ptr<Output> { return std::make_unique<JsonOutput>(c.fd, c.types); }},
+    {"text", false,
+     [](const OutputContext& c) -> std::unique_ptr<Output> { return std::make_unique<TextOutput>(c.fd, c.types); }},
+    {"raw", false,
+     [](const OutputContext& c) -> std::unique_ptr<Output> { return std::make_unique<RawOutput>(c.fd, c.types); }},
+    {"json", false,
+     [](const OutputContext& c) -> std::unique_ptr<Output> { return std::make_unique<JsonOutput>(c.fd, c.types); }},
     {"none", false, [](const OutputContext&) -> std::unique_ptr<Output> { return std::make_unique<NoneOutput>(); }},
-    {"nats", true, [](const OutputContext& c) -> std::unique_ptr<Output> { return std::make_unique<NatsOutput>(c.options.nats, c.types); }},
+    {"nats", true,
+     [](const OutputContext& c) -> std::unique_ptr<Output> {
+         return std::make_unique<NatsOutput>(c.options.nats, c.types);
+     }},
 };
 
 }  // namespace

@@ -23,7 +23,9 @@ namespace {
 
 std::atomic<bool> g_stop{false};
 
-void OnSignal(int) { g_stop = true; }
+void OnSignal(int) {
+    g_stop = true;
+}
 
 void OnMessage(natsConnection*, natsSubscription*, natsMsg* msg, void*) {
     std::printf("%s %.*s\n", natsMsg_GetSubject(msg), natsMsg_GetDataLength(msg), natsMsg_GetData(msg));
@@ -57,7 +59,8 @@ int main(int argc, char** argv) {
     natsSubscription* subscription = nullptr;
     natsStatus status = natsOptions_Create(&options);
     if (status == NATS_OK) status = natsOptions_SetMaxReconnect(options, -1);  // follow the cluster through outages
-    if (status == NATS_OK && creds != nullptr) status = natsOptions_SetUserCredentialsFromFiles(options, creds, nullptr);
+    if (status == NATS_OK && creds != nullptr)
+        status = natsOptions_SetUserCredentialsFromFiles(options, creds, nullptr);
     // SetURL takes one URL; the list goes through SetServers.
     std::string urls = argv[arg];
     std::vector<std::string> servers;
@@ -68,7 +71,8 @@ int main(int argc, char** argv) {
     }
     std::vector<const char*> server_list;
     for (const auto& server : servers) server_list.push_back(server.c_str());
-    if (status == NATS_OK) status = natsOptions_SetServers(options, server_list.data(), static_cast<int>(server_list.size()));
+    if (status == NATS_OK)
+        status = natsOptions_SetServers(options, server_list.data(), static_cast<int>(server_list.size()));
     if (status == NATS_OK) status = natsConnection_Connect(&connection, options);
     if (status != NATS_OK) return Fail("cannot connect", status);
     status = natsConnection_Subscribe(&subscription, connection, pattern.c_str(), OnMessage, nullptr);

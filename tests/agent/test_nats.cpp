@@ -49,7 +49,8 @@ std::vector<std::pair<std::string, std::string>> StreamMessages(const std::strin
         js_SubscribeSync(&subscription, js, ">", nullptr, &options, nullptr) == NATS_OK) {
         natsMsg* msg = nullptr;
         while (messages.size() < info->State.Msgs && natsSubscription_NextMsg(&msg, subscription, 5000) == NATS_OK) {
-            messages.emplace_back(natsMsg_GetSubject(msg), std::string(natsMsg_GetData(msg), natsMsg_GetDataLength(msg)));
+            messages.emplace_back(natsMsg_GetSubject(msg),
+                                  std::string(natsMsg_GetData(msg), natsMsg_GetDataLength(msg)));
             natsMsg_Destroy(msg);
         }
     }
@@ -76,79 +77,78 @@ std::string HostToken() {
 
 class NatsTest : public TracefsTest {
 protected:
-// N nats-server nodes on 127.0.0.1, one JetStream cluster when N > 1.
-class NatsServers {
-public:
-    explicit NatsServers(int nodes, const std::vector<std::string>& extra = {}) : m_extra(extra) {
-        char dir[] = "/tmp/ftrace-nats-XXXXXX";
-        m_dir = mkdtemp(dir);
-        for (int i = 0; i < nodes; ++i) m_nodes.push_back({FreePort(), FreePort(), -1});
-        for (int i = 0; i < nodes; ++i) Start(i);
-    }
-    ~NatsServers() {
-        for (size_t i = 0; i < m_nodes.size(); ++i) Kill(i);
-        std::system(("rm -rf " + m_dir).c_str());
-    }
-    void Start(size_t i) {
-        std::vector<std::string> args = {"nats-server", "-a", "127.0.0.1", "-p", std::to_string(m_nodes[i].port),
-                                         "-js", "-sd", m_dir + "/n" + std::to_string(i), "-n", "n" + std::to_string(i)};
-        if (m_nodes.size() > 1) {
-            std::string routes;
-            for (const auto& node : m_nodes) routes += (routes.empty() ? "" : ",") + Route(node);
-            args.insert(args.end(), {"--cluster_name", "ftrace", "--cluster", Route(m_nodes[i]), "--routes", routes});
+    // N nats-server nodes on 127.0.0.1, one JetStream cluster when N > 1.
+    class NatsServers {
+    public:
+        explicit NatsServers(int nodes, const std::string& extra = "") : m_extra(extra) {
+            char dir[] = "/tmp/ftrace-nats-XXXXXX";
+            m_dir = mkdtemp(dir);
+            for (int i = 0; i < nodes; ++i) m_nodes.push_back({FreePort(), FreePort(), -1});
+            for (int i = 0; i < nodes; ++i) Start(i);
         }
-        args.insert(args.end(), m_extra.begin(), m_extra.end());
-        std::vector<char*> argv;
-        for (auto& arg : args) argv.push_back(arg.data());
-        argv.push_back(nullptr);
-        m_nodes[i].pid = fork();
-        if (m_nodes[i].pid == 0) {
-            freopen("/dev/null", "w", stderr);
-            execvp(argv[0], argv.data());
-            _exit(127);
+        ~NatsServers() {
+            for (size_t i = 0; i < m_nodes.size(); ++i) Kill(i);
+            std::system(("rm -rf " + m_dir).c_str());
         }
-    }
-    void Kill(size_t i) {
-        if (m_nodes[i].pid <= 0) return;
-        kill(m_nodes[i].pid, SIGKILL);
-        waitpid(m_nodes[i].pid, nullptr, 0);
-        m_nodes[i].pid = -1;
-    }
-    std::string Urls() const {
-        std::string urls;
-        for (const auto& node : m_nodes) urls += (urls.empty() ? "" : ",") + Url(node.port);
-        return urls;
-    }
-    static std::string Url(int port) { return "nats://127.0.0.1:" + std::to_string(port); }
-    // Until JetStream answers (in a cluster: once it elected its leader).
-    bool WaitReady(const std::string& user = "") const {
-        std::string urls;
-        for (const auto& node : m_nodes) urls += (urls.empty() ? "nats://" : ",nats://") + user + "127.0.0.1:" + std::to_string(node.port);
-        return WaitFor([&] {
-            natsConnection* connection = nullptr;
-            jsCtx* js = nullptr;
-            jsAccountInfo* info = nullptr;
-            const bool ready = natsConnection_ConnectTo(&connection, urls.c_str()) == NATS_OK &&
-                         natsConnection_JetStream(&js, connection, nullptr) == NATS_OK &&
-                         js_GetAccountInfo(&info, js, nullptr, nullptr) == NATS_OK;
-            jsAccountInfo_Destroy(info);
-            jsCtx_Destroy(js);
-            natsConnection_Destroy(connection);
-            return ready;
-        }, 30);
-    }
+        void Start(size_t i) {
+            const std::string name = std::to_string(i);
+            std::string command = "nats-server -a 127.0.0.1 -p " + std::to_string(m_nodes[i].port) + " -js -sd " +
+                                  m_dir + "/n" + name + " -n n" + name;
+            if (m_nodes.size() > 1) {
+                command += " --cluster_name ftrace --cluster " + Route(m_nodes[i]) + " --routes ";
+                for (const auto& node : m_nodes) command += Route(node) + (&node == &m_nodes.back() ? "" : ",");
+            }
+            command = "exec " + command + m_extra + " 2>/dev/null";
+            m_nodes[i].pid = fork();
+            if (m_nodes[i].pid == 0) {
+                execl("/bin/sh", "sh", "-c", command.c_str(), static_cast<char*>(nullptr));
+                _exit(127);
+            }
+        }
+        void Kill(size_t i) {
+            if (m_nodes[i].pid <= 0) return;
+            kill(m_nodes[i].pid, SIGKILL);
+            waitpid(m_nodes[i].pid, nullptr, 0);
+            m_nodes[i].pid = -1;
+        }
+        std::string Urls() const {
+            std::string urls;
+            for (const auto& node : m_nodes) urls += (urls.empty() ? "" : ",") + Url(node.port);
+            return urls;
+        }
+        static std::string Url(int port) { return "nats://127.0.0.1:" + std::to_string(port); }
+        // Until JetStream answers (in a cluster: once it elected its leader).
+        bool WaitReady(const std::string& user = "") const {
+            std::string urls;
+            for (const auto& node : m_nodes)
+                urls += (urls.empty() ? "nats://" : ",nats://") + user + "127.0.0.1:" + std::to_string(node.port);
+            return WaitFor(
+                [&] {
+                    natsConnection* connection = nullptr;
+                    jsCtx* js = nullptr;
+                    jsAccountInfo* info = nullptr;
+                    const bool ready = natsConnection_ConnectTo(&connection, urls.c_str()) == NATS_OK &&
+                                       natsConnection_JetStream(&js, connection, nullptr) == NATS_OK &&
+                                       js_GetAccountInfo(&info, js, nullptr, nullptr) == NATS_OK;
+                    jsAccountInfo_Destroy(info);
+                    jsCtx_Destroy(js);
+                    natsConnection_Destroy(connection);
+                    return ready;
+                },
+                30);
+        }
 
-private:
-    struct Node {
-        int port;
-        int cluster_port;
-        pid_t pid;
+    private:
+        struct Node {
+            int port;
+            int cluster_port;
+            pid_t pid;
+        };
+        static std::string Route(const Node& node) { return "nats://127.0.0.1:" + std::to_string(node.cluster_port); }
+        std::string m_dir;
+        std::vector<Node> m_nodes;
+        std::string m_extra;  // more nats-server options
     };
-    static std::string Route(const Node& node) { return "nats://127.0.0.1:" + std::to_string(node.cluster_port); }
-    std::string m_dir;
-    std::vector<Node> m_nodes;
-    std::vector<std::string> m_extra;
-};
 };
 
 // Process life of a uniquely named binary spawned in a loop while the
@@ -174,8 +174,8 @@ TEST_F(NatsTest, PublishedMessagesAreStoredOrCountedThroughOutages) {
         SCOPED_TRACE(c.name);
         NatsServers servers(c.nodes);
         ASSERT_TRUE(servers.WaitReady());
-        AgentProcess agent({"--output=" + servers.Urls(), "--nats-stream=FTRACE", "--nats-replicas=" + std::to_string(c.nodes),
-                            "--nats-buffer=" + std::string(c.buffer)});
+        AgentProcess agent({"--output=" + servers.Urls(), "--nats-stream=FTRACE",
+                            "--nats-replicas=" + std::to_string(c.nodes), "--nats-buffer=" + std::string(c.buffer)});
         if (!WaitUntilTracing(agent, "sched_process_exec")) break;
         std::atomic<bool> spawning{true};
         std::set<pid_t> pids;
@@ -218,13 +218,16 @@ TEST_F(NatsTest, PublishedMessagesAreStoredOrCountedThroughOutages) {
         // The payload is the line --format=json prints for the exec.
         const pid_t pid = *pids.rbegin();
         const std::regex exec_json(R"(\{"name":"sched:sched_process_exec","numbers":\{"common_flags":[0-9]+,)"
-                                   R"("common_pid":)" + std::to_string(pid) + R"(,"common_preempt_count":[0-9]+,)"
-                                   R"("common_type":[0-9]+,"old_pid":)" + std::to_string(pid) + R"(,"pid":)" +
-                                   std::to_string(pid) + R"(,"timestamp":[0-9]+\},"strings":\{"filename":")" +
-                                   binary + R"((\\u0000)*"\}\})");
-        EXPECT_TRUE(std::any_of(messages.begin(), messages.end(), [&](const auto& m) {
-            return m.first == exec_subject && std::regex_match(m.second, exec_json);
-        })) << "no exec of " << binary << " by pid " << pid;
+                                   R"("common_pid":)" +
+                                   std::to_string(pid) +
+                                   R"(,"common_preempt_count":[0-9]+,)"
+                                   R"("common_type":[0-9]+,"old_pid":)" +
+                                   std::to_string(pid) + R"(,"pid":)" + std::to_string(pid) +
+                                   R"(,"timestamp":[0-9]+\},"strings":\{"filename":")" + binary + R"((\\u0000)*"\}\})");
+        EXPECT_TRUE(std::any_of(
+            messages.begin(), messages.end(),
+            [&](const auto& m) { return m.first == exec_subject && std::regex_match(m.second, exec_json); }))
+            << "no exec of " << binary << " by pid " << pid;
     }
     unlink(binary.c_str());
 }
@@ -232,7 +235,7 @@ TEST_F(NatsTest, PublishedMessagesAreStoredOrCountedThroughOutages) {
 // Refused before the tracing instance is made: status 2 and one line.
 TEST_F(NatsTest, BadConfigurationIsRefusedWithOneLine) {
     NatsServers open_server(1);
-    NatsServers locked_server(1, {"--user", "agent", "--pass", "agent"});
+    NatsServers locked_server(1, " --user agent --pass agent");
     ASSERT_TRUE(open_server.WaitReady());
     ASSERT_TRUE(locked_server.WaitReady("agent:agent@"));
     const std::string wrong = "/tmp/ftrace-nats-wrong-" + std::to_string(getpid());
@@ -247,10 +250,12 @@ TEST_F(NatsTest, BadConfigurationIsRefusedWithOneLine) {
          "ftrace-agent: Invalid option argument: --output: 'nats//127.0.0.1:4222' is not nats://HOST:PORT; give "
          "--output=nats://HOST:PORT[,nats://HOST:PORT...]; see ftrace-agent --help\n"},
         {{"--output=" + nobody},
-         "cannot reach NATS at " + nobody + " (No server available for connection): start the servers or correct --output\n"},
+         "cannot reach NATS at " + nobody +
+             " (No server available for connection): start the servers or correct --output\n"},
         {{"--output=" + locked_server.Urls(), "--nats-user-file=" + wrong},
          "NATS at " + locked_server.Urls() +
-             " refused the credentials (Authorization Violation): check --nats-creds, --nats-token-file or --nats-user-file\n"},
+             " refused the credentials (Authorization Violation): check --nats-creds, --nats-token-file or "
+             "--nats-user-file\n"},
         {{"--output=" + open_server.Urls()},
          "NATS at " + open_server.Urls() + " has no stream for the subjects ftrace." + host +
              ".>: give --nats-stream=NAME to create one, or create one that takes them\n"},

@@ -1,5 +1,7 @@
 #include "EventFieldTypes.h"
 
+#include <algorithm>
+
 #include "ftrace.h"
 
 namespace Agent {
@@ -17,10 +19,14 @@ void EventFieldTypes::Load(Ftrace& ftrace, const std::vector<EventName>& events)
 }
 
 void EventFieldTypes::Add(const std::string& event_name, std::vector<FieldType> fields) {
-    m_events[event_name] = std::move(fields);
+    EventFields& event = m_events[event_name];
+    event.by_name = fields;
+    std::sort(event.by_name.begin(), event.by_name.end(),
+              [](const FieldType& a, const FieldType& b) { return a.name < b.name; });
+    event.in_order = std::move(fields);
 }
 
-const std::vector<FieldType>* EventFieldTypes::Fields(const std::string& event_name) const {
+const EventFields* EventFieldTypes::Fields(const std::string& event_name) const {
     const auto it = m_events.find(event_name);
     return it == m_events.end() ? nullptr : &it->second;
 }

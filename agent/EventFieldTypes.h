@@ -21,19 +21,24 @@ struct FieldType {
     bool is_signed = false;
 };
 
+struct EventFields {
+    std::vector<FieldType> in_order;  // common fields first, then the event's own
+    std::vector<FieldType> by_name;   // the same, in the byte order of the message's keys
+};
+
 class EventFieldTypes {
 public:
     // Events whose format cannot be read are left out: their numbers print unsigned.
     void Load(Ftrace& ftrace, const std::vector<EventName>& events);
     void Add(const std::string& event_name, std::vector<FieldType> fields);
 
-    // Common fields first, then the event's own; null for an unknown event.
-    const std::vector<FieldType>* Fields(const std::string& event_name) const;
+    // Null for an unknown event.
+    const EventFields* Fields(const std::string& event_name) const;
     // `value` as the field's C type holds it: sign-extended from its size when signed.
     static int64_t Signed(uint64_t value, int size);
 
 private:
-    std::map<std::string, std::vector<FieldType>> m_events;
+    std::map<std::string, EventFields> m_events;
 };
 
 }  // namespace Agent

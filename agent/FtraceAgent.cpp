@@ -128,8 +128,7 @@ void FtraceAgent::defineOptions(Poco::Util::OptionSet& options) {
                           .argument("FORMAT"));
     options.addOption(Option("output", "o",
                              "nats://HOST:PORT[,nats://HOST:PORT...]: publish to NATS JetStream instead of standard "
-                             "output, the JSON object of "
-                             "--format=json per message; see the --nats-* options")
+                             "output, the JSON object of --format=json per message; see the --nats-* options")
                           .argument("URLS"));
     NatsSettings::DefineOptions(options);
     options.addOption(Option("duration", "d", "stop after SECONDS (fractions allowed)").argument("SECONDS"));
@@ -167,19 +166,12 @@ void FtraceAgent::handleOption(const std::string& name, const std::string& value
                                                [&](const EventName& e) { return e.FullName() == event.FullName(); });
                 if (!known) m_options.events.push_back(std::move(event));
             }
-        } else if (name == "format" || name == "output") {
-            if (name == "format") {
-                m_options.format = AgentOptions::ParseFormat(value);
-            } else {
-                m_options.nats.servers = NatsSettings::ParseServers(value);
-                m_options.output_url = value;
-            }
-            m_format_given = m_format_given || name == "format";
-            if (m_format_given && !m_options.output_url.empty()) {
-                throw std::invalid_argument("--format chooses the form of standard output, which --output replaces: "
-                                            "give one of them");
-            }
-        } else if (m_options.nats.HandleOption(name, value)) {
+        } else if (name == "format") {
+            m_options.format = AgentOptions::ParseFormat(value);
+            m_format_given = true;
+        } else if (name == "output") {
+            m_options.nats.servers = NatsSettings::ParseServers(value);
+            m_options.output_url = value;
         } else if (name == "duration") {
             m_options.duration_seconds = AgentOptions::ParseSeconds(value);
         } else if (name == "count") {
@@ -201,6 +193,12 @@ void FtraceAgent::handleOption(const std::string& name, const std::string& value
             m_options.log_file = value;
         } else if (name == "daemon") {
             m_options.daemon = true;
+        } else {
+            m_options.nats.HandleOption(name, value);
+        }
+        if (m_format_given && !m_options.output_url.empty()) {
+            throw std::invalid_argument("--format chooses the form of standard output, which --output replaces: "
+                                        "give one of them");
         }
     } catch (const std::invalid_argument& e) {
         throw Poco::Util::InvalidArgumentException(e.what());

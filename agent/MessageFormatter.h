@@ -41,9 +41,6 @@ public:
     static void AppendJsonString(std::string& out, const std::string& bytes);
 
 private:
-    void AppendNumber(std::string& out, const std::vector<FieldType>* fields, const std::string& key,
-                      uint64_t value) const;
-
     const EventFieldTypes& m_types;
 };
 

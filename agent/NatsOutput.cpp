@@ -240,11 +240,11 @@ void NatsOutput::Start() {
 }
 
 void NatsOutput::Write(const Engine::FtraceMessage& message) {
-    const std::string& name = message.name();
-    const auto colon = name.find(':');
     Entry entry;
-    entry.subject = m_settings.subject_prefix + "." + m_host + "." + name.substr(0, colon) + "." +
-                    (colon == std::string::npos ? std::string("unknown") : name.substr(colon + 1));
+    // system:event becomes the subject's last two tokens.
+    entry.subject = m_settings.subject_prefix + "." + m_host + "." + message.name();
+    const auto colon = entry.subject.rfind(':');
+    if (colon != std::string::npos) entry.subject[colon] = '.';
     entry.id = m_id_prefix + std::to_string(++m_sequence);
     m_formatter.AppendJson(entry.data, message);
     m_batch.push_back(std::move(entry));
@@ -253,8 +253,10 @@ void NatsOutput::Write(const Engine::FtraceMessage& message) {
 
 bool NatsOutput::Flush() {
     if (m_batch.empty()) return true;
+    bool was_empty;
     {
         std::lock_guard<std::mutex> lock(m_mutex);
+        was_empty = m_queue.empty();
         m_counts.published += m_batch.size();
         for (auto& entry : m_batch) {
             m_queue_bytes += entry.data.size();
@@ -263,7 +265,7 @@ bool NatsOutput::Flush() {
         TrimBuffer();
     }
     m_batch.clear();
-    m_wake.notify_all();
+    if (was_empty) m_wake.notify_all();  // otherwise the publisher is busy or waits for acks or servers
     return true;
 }
 
@@ -333,20 +335,27 @@ void NatsOutput::Publish() {
 
 void NatsOutput::OnAck(jsCtx*, natsMsg* msg, jsPubAck* ack, jsPubAckErr* error, void* closure) {
     auto* self = static_cast<NatsOutput*>(closure);
+    if (ack != nullptr) {
+        self->m_acknowledged.fetch_add(1, std::memory_order_relaxed);
+        const uint64_t left = self->m_in_flight.fetch_sub(1) - 1;
+        natsMsg_Destroy(msg);
+        // The publisher waits for half the window, or for the last one at stop.
+        if (left == kWindow / 2 || left == 0) {
+            { std::lock_guard<std::mutex> lock(self->m_mutex); }
+            self->m_wake.notify_all();
+        }
+        return;
+    }
     {
         std::lock_guard<std::mutex> lock(self->m_mutex);
-        if (!self->m_closed) {
-            --self->m_in_flight;
-            if (ack != nullptr) {
-                ++self->m_counts.acknowledged;
-            } else if (error != nullptr && IsTransient(error)) {
-                const char* id = nullptr;
-                natsMsgHeader_Get(msg, kMsgIdHeader, &id);
-                self->Requeue({natsMsg_GetSubject(msg), id ? id : "",
-                               std::string(natsMsg_GetData(msg), static_cast<size_t>(natsMsg_GetDataLength(msg)))});
-            } else {
-                ++self->m_counts.refused;
-            }
+        --self->m_in_flight;
+        if (error != nullptr && IsTransient(error)) {
+            const char* id = nullptr;
+            natsMsgHeader_Get(msg, kMsgIdHeader, &id);
+            self->Requeue({natsMsg_GetSubject(msg), id ? id : "",
+                           std::string(natsMsg_GetData(msg), static_cast<size_t>(natsMsg_GetDataLength(msg)))});
+        } else {
+            ++self->m_counts.refused;
         }
     }
     natsMsg_Destroy(msg);
@@ -389,25 +398,25 @@ void NatsOutput::Finish() {
     if (m_publisher.joinable()) m_publisher.join();
     {
         std::lock_guard<std::mutex> lock(m_mutex);
-        m_counts.unsent_at_stop += m_queue.size() + m_in_flight;
-        m_queue.clear();
-        m_queue_bytes = 0;
-        m_in_flight = 0;
-        m_closed = true;
         m_connected = false;  // no warning for our own close
     }
     if (m_js != nullptr) jsCtx_Destroy(m_js);
     if (m_connection != nullptr) natsConnection_Destroy(m_connection);
     m_js = nullptr;
     m_connection = nullptr;
-    // Callbacks still under way end before this object can go.
+    // Callbacks still under way end here; after it the counts are final.
     nats_CloseAndWait(5000);
+    std::lock_guard<std::mutex> lock(m_mutex);
+    m_counts.unsent_at_stop += m_queue.size() + m_in_flight;
+    m_queue.clear();
+    m_queue_bytes = 0;
+    m_in_flight = 0;
 }
 
 void NatsOutput::PrintSummary(std::ostream& os) const {
     std::lock_guard<std::mutex> lock(m_mutex);
     const Counts& c = m_counts;
-    os << "  NATS: published " << c.published << ", acknowledged " << c.acknowledged << ", retried " << c.retried
+    os << "  NATS: published " << c.published << ", acknowledged " << m_acknowledged << ", retried " << c.retried
        << '\n'
        << "  NATS dropped: " << c.buffer_full + c.refused + c.unsent_at_stop << " (buffer full " << c.buffer_full
        << ", refused by the server " << c.refused << ", unacknowledged at stop " << c.unsent_at_stop << ")\n";

@@ -13,6 +13,7 @@
 
 #include <nats/nats.h>
 
+#include <atomic>
 #include <chrono>
 #include <condition_variable>
 #include <cstdint>
@@ -48,7 +49,6 @@ private:
     };
     struct Counts {
         uint64_t published = 0;  // handed to this output
-        uint64_t acknowledged = 0;
         uint64_t retried = 0;
         uint64_t buffer_full = 0;
         uint64_t refused = 0;
@@ -79,10 +79,11 @@ private:
     std::condition_variable m_wake;
     std::deque<Entry> m_queue;
     uint64_t m_queue_bytes = 0;
-    uint64_t m_in_flight = 0;
+    // Counted by the acknowledgement callback without the lock: it runs once per message.
+    std::atomic<uint64_t> m_in_flight{0};
+    std::atomic<uint64_t> m_acknowledged{0};
     bool m_connected = false;
     bool m_stopping = false;
-    bool m_closed = false;  // counts are final
     std::chrono::steady_clock::time_point m_stop_deadline{};
     Counts m_counts;
 };

@@ -216,18 +216,14 @@ TEST_F(NatsTest, PublishedMessagesAreStoredOrCountedThroughOutages) {
         if (c.drops) continue;
         for (const pid_t pid : pids) EXPECT_TRUE(printed.Printed(pid, true) && printed.Printed(pid, false)) << pid;
         // The payload is the line --format=json prints for the exec.
-        const pid_t pid = *pids.rbegin();
-        const std::regex exec_json(R"(\{"name":"sched:sched_process_exec","numbers":\{"common_flags":[0-9]+,)"
-                                   R"("common_pid":)" +
-                                   std::to_string(pid) +
-                                   R"(,"common_preempt_count":[0-9]+,)"
-                                   R"("common_type":[0-9]+,"old_pid":)" +
-                                   std::to_string(pid) + R"(,"pid":)" + std::to_string(pid) +
-                                   R"(,"timestamp":[0-9]+\},"strings":\{"filename":")" + binary + R"((\\u0000)*"\}\})");
-        EXPECT_TRUE(std::any_of(
-            messages.begin(), messages.end(),
-            [&](const auto& m) { return m.first == exec_subject && std::regex_match(m.second, exec_json); }))
-            << "no exec of " << binary << " by pid " << pid;
+        const std::string pid = std::to_string(*pids.rbegin());
+        const std::regex exec_json(R"(\{"name":"sched:sched_process_exec","numbers":\{"common_flags":[0-9]+,"common_pid":)" +
+                                   pid + R"(,"common_preempt_count":[0-9]+,"common_type":[0-9]+,"old_pid":)" + pid +
+                                   R"(,"pid":)" + pid + R"(,"timestamp":[0-9]+\},"strings":\{"filename":")" + binary +
+                                   R"((\\u0000)*"\}\})");
+        EXPECT_TRUE(std::any_of(messages.begin(), messages.end(), [&](const auto& m) {
+            return m.first == exec_subject && std::regex_match(m.second, exec_json);
+        })) << "no exec of " << binary << " by pid " << pid;
     }
     unlink(binary.c_str());
 }

@@ -12,7 +12,8 @@ void EventFieldTypes::Load(Ftrace& ftrace, const std::vector<EventName>& events)
         if (!event) continue;
         std::vector<FieldType> fields;
         for (const FtraceField field : FtraceEvent::FtraceEventFields(event)) {
-            fields.push_back({field.name(), field.size(), (field.get()->flags & TEP_FIELD_IS_SIGNED) != 0});
+            fields.push_back(
+                {field.name(), field.size(), (field.get()->flags & TEP_FIELD_IS_SIGNED) != 0, field.is_array()});
         }
         Add(name.FullName(), std::move(fields));
     }
@@ -20,9 +21,17 @@ void EventFieldTypes::Load(Ftrace& ftrace, const std::vector<EventName>& events)
 
 void EventFieldTypes::Add(const std::string& event_name, std::vector<FieldType> fields) {
     EventFields& event = m_events[event_name];
-    event.by_name = fields;
-    std::sort(event.by_name.begin(), event.by_name.end(),
-              [](const FieldType& a, const FieldType& b) { return a.name < b.name; });
+    event.numbers = {{"timestamp", 8, false, false}};
+    for (const auto& field : fields) {
+        if (field.is_array) {
+            event.strings.push_back(field);
+        } else if (field.name != "timestamp") {
+            event.numbers.push_back(field);
+        }
+    }
+    const auto by_name = [](const FieldType& a, const FieldType& b) { return a.name < b.name; };
+    std::sort(event.numbers.begin(), event.numbers.end(), by_name);
+    std::sort(event.strings.begin(), event.strings.end(), by_name);
     event.in_order = std::move(fields);
 }
 

@@ -19,11 +19,15 @@ struct FieldType {
     std::string name;
     int size = 8;  // bytes
     bool is_signed = false;
+    bool is_array = false;  // a string entry of the message
 };
 
+// What the module puts in a message of the event: "timestamp" first (it
+// wins over a field of that name), then every field, arrays as strings.
 struct EventFields {
     std::vector<FieldType> in_order;  // common fields first, then the event's own
-    std::vector<FieldType> by_name;   // the same, in the byte order of the message's keys
+    std::vector<FieldType> numbers;   // the message's number keys, in their byte order
+    std::vector<FieldType> strings;   // the message's string keys, in their byte order
 };
 
 class EventFieldTypes {

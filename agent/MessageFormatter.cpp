@@ -45,35 +45,41 @@ void AppendNumber(std::string& out, uint64_t value, const FieldType* type) {
 }  // namespace
 
 void MessageFormatter::AppendText(std::string& out, const Engine::FtraceMessage& message) const {
-    const auto numbers = message.numbers();
-    const auto strings = message.strings();
     const EventFields* fields = m_types.Fields(message.name());
     const uint64_t timestamp = message.get_number("timestamp");
     char head[64];
     std::snprintf(head, sizeof head, "%" PRIu64 ".%06" PRIu64 " ", timestamp / 1000000000,
                   timestamp % 1000000000 / 1000);
     out += head;
-    const FieldType common_pid{"common_pid", 4, true};  // an int in every event
+    const FieldType common_pid{"common_pid", 4, true, false};  // an int in every event
     AppendNumber(out, message.get_number("common_pid"), &common_pid);
     out += ' ';
     AppendTextString(out, message.name());
-    const auto append_field = [&](const std::string& key, const FieldType* type) {
+    const auto append_field = [&](const std::string& key, const FieldType* type, const std::string* text,
+                                  uint64_t number) {
         if (IsCommon(key) || key == "timestamp") return;
         out += ' ';
         AppendTextString(out, key);
         out += '=';
-        if (const auto number = numbers.find(key); number != numbers.end()) {
-            AppendNumber(out, number->second, type);
-        } else if (const auto text = strings.find(key); text != strings.end()) {
-            AppendTextString(out, text->second);
+        if (text != nullptr) {
+            AppendTextString(out, *text);
+        } else {
+            AppendNumber(out, number, type);
         }
     };
     if (fields != nullptr) {
-        for (const auto& field : fields->in_order) append_field(field.name, &field);
-    } else {
-        for (const auto& entry : numbers) append_field(entry.first, nullptr);
-        for (const auto& entry : strings) append_field(entry.first, nullptr);
+        for (const auto& field : fields->in_order) {
+            if (field.is_array) {
+                append_field(field.name, &field, &message.get_string(field.name), 0);
+            } else {
+                append_field(field.name, &field, nullptr, message.get_number(field.name));
+            }
+        }
+        out += '\n';
+        return;
     }
+    for (const auto& [key, value] : message.numbers()) append_field(key, nullptr, nullptr, value);
+    for (const auto& [key, value] : message.strings()) append_field(key, nullptr, &value, 0);
     out += '\n';
 }
 
@@ -106,29 +112,39 @@ void MessageFormatter::AppendJsonString(std::string& out, const std::string& byt
 }
 
 void MessageFormatter::AppendJson(std::string& out, const Engine::FtraceMessage& message) const {
-    const EventFields* fields = m_types.Fields(message.name());
-    // Keys and fields both in byte order: one walk finds each key's type.
-    auto field = fields != nullptr ? fields->by_name.begin() : std::vector<FieldType>::const_iterator();
-    const auto fields_end = fields != nullptr ? fields->by_name.end() : field;
     out += "{\"name\":";
     AppendJsonString(out, message.name());
     out += ",\"numbers\":{";
-    bool first = true;
-    for (const auto& [key, value] : message.numbers()) {
+    const auto append_entry = [&out](bool first, const std::string& key) {
         if (!first) out += ',';
-        first = false;
         AppendJsonString(out, key);
         out += ':';
-        while (field != fields_end && field->name < key) ++field;
-        AppendNumber(out, value, field != fields_end && field->name == key ? &*field : nullptr);
+    };
+    // With the event's format the keys are known: looked up, not copied out of the message.
+    if (const EventFields* fields = m_types.Fields(message.name())) {
+        for (const auto& field : fields->numbers) {
+            append_entry(&field == &fields->numbers.front(), field.name);
+            AppendNumber(out, message.get_number(field.name), &field);
+        }
+        out += "},\"strings\":{";
+        for (const auto& field : fields->strings) {
+            append_entry(&field == &fields->strings.front(), field.name);
+            AppendJsonString(out, message.get_string(field.name));
+        }
+        out += "}}";
+        return;
+    }
+    bool first = true;
+    for (const auto& [key, value] : message.numbers()) {
+        append_entry(first, key);
+        first = false;
+        out += std::to_string(value);
     }
     out += "},\"strings\":{";
     first = true;
     for (const auto& [key, value] : message.strings()) {
-        if (!first) out += ',';
+        append_entry(first, key);
         first = false;
-        AppendJsonString(out, key);
-        out += ':';
         AppendJsonString(out, value);
     }
     out += "}}";

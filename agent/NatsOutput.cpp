@@ -95,6 +95,7 @@ natsStatus NatsOutput::Connect(natsConnection** connection, bool retry, std::str
     natsOptions_SetMaxReconnect(options, -1);
     natsOptions_SetReconnectWait(options, 250);
     natsOptions_SetPingInterval(options, 5000);
+    natsOptions_SetIOBufSize(options, 1 << 20);  // fewer, larger writes at high event rates
     natsOptions_SetDisconnectedCB(options, &NatsOutput::OnDisconnected, this);
     natsOptions_SetReconnectedCB(options, &NatsOutput::OnConnected, this);
     if (retry) natsOptions_SetRetryOnFailedConnect(options, true, &NatsOutput::OnConnected, this);

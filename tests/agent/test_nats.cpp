@@ -54,6 +54,7 @@ std::vector<std::pair<std::string, std::string>> StreamMessages(const std::strin
             natsMsg_Destroy(msg);
         }
     }
+    if (subscription != nullptr) natsSubscription_Unsubscribe(subscription);  // and its consumer with it
     natsSubscription_Destroy(subscription);
     jsStreamInfo_Destroy(info);
     jsCtx_Destroy(js);

@@ -124,6 +124,11 @@ natsStatus NatsOutput::Connect(natsConnection** connection, bool retry, std::str
             status = natsOptions_SetUserInfo(options, line.substr(0, colon).c_str(), line.substr(colon + 1).c_str());
         }
     }
+    if (status == NATS_OK && !m_settings.tls_ca_file.empty() && access(m_settings.tls_ca_file.c_str(), R_OK) != 0) {
+        *error = "cannot read --nats-tls-ca " + m_settings.tls_ca_file + ": " + std::strerror(errno) +
+                 "; give it a readable PEM file of CA certificates";
+        status = NATS_ERR;
+    }
     if (status == NATS_OK && !m_settings.tls_ca_file.empty()) {
         status = natsOptions_SetSecure(options, true);
         if (status == NATS_OK) status = natsOptions_LoadCATrustedCertificates(options, m_settings.tls_ca_file.c_str());
@@ -148,6 +153,11 @@ bool NatsOutput::Check(std::string* error) {
         if (status == NATS_NOT_PERMITTED || reason.find("uthoriz") != std::string::npos) {
             *error = "NATS at " + Join(m_settings.servers) + " refused the credentials (" + reason +
                      "): check --nats-creds, --nats-token-file or --nats-user-file";
+            return false;
+        }
+        if (status == NATS_SSL_ERROR || status == NATS_SECURE_CONNECTION_REQUIRED) {
+            *error = "TLS with NATS at " + Join(m_settings.servers) + " failed (" + reason +
+                     "): give --nats-tls-ca the CA certificates that signed the servers' certificates";
             return false;
         }
         if (std::chrono::steady_clock::now() >= deadline) {

@@ -20,6 +20,7 @@ agent_pid=
 server_pid=
 
 cleanup() {
+    set +e  # a process already gone must not keep the rest from being cleaned
     [ -n "$agent_pid" ] && kill -INT "$agent_pid" 2>/dev/null && wait "$agent_pid" 2>/dev/null
     [ -n "$server_pid" ] && kill "$server_pid" 2>/dev/null && wait "$server_pid" 2>/dev/null
     rm -rf "$WORK"

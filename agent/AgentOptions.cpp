@@ -5,6 +5,8 @@
 #include <cstdlib>
 #include <stdexcept>
 
+#include "OutputTable.h"
+
 namespace Agent {
 
 AgentOptions::AgentOptions()
@@ -31,11 +33,11 @@ std::vector<EventName> AgentOptions::ParseEventList(const std::string& text) {
     return result;
 }
 
-OutputFormat AgentOptions::ParseFormat(const std::string& text) {
-    if (text == "text") return OutputFormat::Text;
-    if (text == "json") return OutputFormat::Json;
-    if (text == "none") return OutputFormat::None;
-    throw std::invalid_argument("--format: '" + text + "' is not one of text, json, none");
+std::string AgentOptions::ParseFormat(const std::string& text) {
+    if (!OutputTable::IsFormat(text)) {
+        throw std::invalid_argument("--format: '" + text + "' is not one of " + OutputTable::FormatNames());
+    }
+    return text;
 }
 
 double AgentOptions::ParseSeconds(const std::string& text) {

@@ -5,6 +5,8 @@
 #include <string>
 #include <vector>
 
+#include "NatsSettings.h"
+
 namespace Agent {
 
 // One trace event, named as the kernel's available_events lists it.
@@ -14,8 +16,6 @@ struct EventName {
     std::string FullName() const { return system + ":" + event; }
 };
 
-enum class OutputFormat { Text, Json, None };
-
 class AgentOptions {
 public:
     AgentOptions();
@@ -23,7 +23,8 @@ public:
     // "system:event,system:event,...". Throws std::invalid_argument with a
     // message naming the bad entry.
     static std::vector<EventName> ParseEventList(const std::string& text);
-    static OutputFormat ParseFormat(const std::string& text);
+    // One of OutputTable::FormatNames().
+    static std::string ParseFormat(const std::string& text);
     // Decimal seconds > 0 ("2", "0.5").
     static double ParseSeconds(const std::string& text);
     // Decimal integer in [min, max].
@@ -31,7 +32,9 @@ public:
                                   long long max);
 
     std::vector<EventName> events;  // the three process-life events unless --events is given
-    OutputFormat format = OutputFormat::Text;
+    std::string format = "text";
+    std::string output_url;  // --output: a message system instead of standard output
+    NatsSettings nats;
     double duration_seconds = 0;  // 0: until stopped
     uint64_t count = 0;           // 0: no limit
     std::vector<int> pids;

@@ -31,6 +31,7 @@
 #include "FtraceModule.h"
 #include "InstanceLock.h"
 #include "InstanceLossReader.h"
+#include "OutputTable.h"
 #include "PidFilter.h"
 #include "PrintableText.h"
 #include "PrintingSubscriberModule.h"
@@ -129,9 +130,15 @@ void FtraceAgent::defineOptions(Poco::Util::OptionSet& options) {
                              "sched:sched_process_exit)")
                           .argument("LIST")
                           .repeatable(true));
-    options.addOption(Option("format", "f", "output: text (one message per line), json (one object per line) or "
-                                            "none (count only); default text")
+    options.addOption(Option("format", "f", "standard output: text (one readable line per message), raw (the "
+                                            "message's own text form), json (one object per line) or none (count "
+                                            "only); default text")
                           .argument("FORMAT"));
+    options.addOption(Option("output", "o",
+                             "nats://HOST:PORT[,nats://HOST:PORT...]: publish to NATS JetStream instead of standard "
+                             "output, the JSON object of --format=json per message; see the --nats-* options")
+                          .argument("URLS"));
+    NatsSettings::DefineOptions(options);
     options.addOption(Option("duration", "d", "stop after SECONDS (fractions allowed)").argument("SECONDS"));
     options.addOption(Option("count", "c", "stop after N messages").argument("N"));
     options.addOption(Option("pid", "p", "trace only process PID (repeatable)").argument("PID").repeatable(true));
@@ -169,6 +176,10 @@ void FtraceAgent::handleOption(const std::string& name, const std::string& value
             }
         } else if (name == "format") {
             m_options.format = AgentOptions::ParseFormat(value);
+            m_format_given = true;
+        } else if (name == "output") {
+            m_options.nats.servers = NatsSettings::ParseServers(value);
+            m_options.output_url = value;
         } else if (name == "duration") {
             m_options.duration_seconds = AgentOptions::ParseSeconds(value);
         } else if (name == "count") {
@@ -194,6 +205,12 @@ void FtraceAgent::handleOption(const std::string& name, const std::string& value
             m_options.log_file = value;
         } else if (name == "daemon") {
             m_options.daemon = true;
+        } else {
+            m_options.nats.HandleOption(name, value);
+        }
+        if (m_format_given && !m_options.output_url.empty()) {
+            throw std::invalid_argument("--format chooses the form of standard output, which --output replaces: "
+                                        "give one of them");
         }
     } catch (const std::invalid_argument& e) {
         throw Poco::Util::InvalidArgumentException(e.what());
@@ -422,6 +439,9 @@ int FtraceAgent::main(const std::vector<std::string>& args) {
         return Fail("instance ZEV is in use by another ftrace-agent" + (holder.empty() ? "" : " (pid " + holder + ")") +
                     ": stop that one first");
     }
+    // Before the tracing instance exists: a refused output leaves nothing behind.
+    m_output = OutputTable::Make({m_options, m_field_types, STDOUT_FILENO});
+    if (!m_output->Check(&error)) return Fail(error);
     if (const int rc = RemoveLeftoverInstance(tracing_dir)) return rc;
     const std::string module_dir = Absolute(m_options.module_dir.empty() ? DefaultModuleDir() : m_options.module_dir);
     if (const int rc = LoadModules(module_dir)) return rc;
@@ -470,7 +490,8 @@ int FtraceAgent::Trace() {
     std::vector<std::string> names;
     for (const auto& event : m_options.events) names.push_back(event.FullName());
     m_statistics.Expect(names);
-    if (AddModule(new PrintingSubscriberModule(*this, m_options, m_statistics, STDOUT_FILENO)) != 0) {
+    m_field_types.Load(*m_instance, m_options.events);
+    if (AddModule(new PrintingSubscriberModule(*this, m_options, m_statistics, *m_output)) != 0) {
         std::cerr << "ftrace-agent: the printing task could not be registered" << std::endl;
         return EXIT_SOFTWARE;
     }
@@ -505,6 +526,7 @@ int FtraceAgent::Trace() {
 
     Shutdown();
     m_statistics.Print(std::cerr);
+    m_output->PrintSummary(std::cerr);
     return EXIT_OK;
 }
 

@@ -8,9 +8,11 @@
 #include <vector>
 
 #include "AgentOptions.h"
+#include "EventFieldTypes.h"
 #include "Framework/Engine.h"
 #include "InstanceLock.h"
 #include "PidFilter.h"
+#include "Output.h"
 #include "ReceiveStatistics.h"
 
 class Ftrace;
@@ -59,10 +61,13 @@ private:
 
     AgentOptions m_options;
     bool m_events_given = false;
+    bool m_format_given = false;
     ReceiveStatistics m_statistics;
     InstanceLock m_instance_lock;  // held from the checks until the process ends
     std::unique_ptr<Ftrace> m_instance;  // the module's instance, adopted for set_event_pid
     PidFilter m_pid_filter;
+    EventFieldTypes m_field_types;       // of the traced events, for the outputs
+    std::unique_ptr<Output> m_output;    // outlives the subscriber task, which writes to it
 };
 
 }  // namespace Agent

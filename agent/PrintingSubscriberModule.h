@@ -10,19 +10,20 @@ class Engine;
 
 namespace Agent {
 
+class Output;
 class ReceiveStatistics;
 
 class PrintingSubscriberModule : public Framework::Module {
 public:
     PrintingSubscriberModule(Framework::Engine& engine, const AgentOptions& options, ReceiveStatistics& statistics,
-                             int output_fd);
+                             Output& output);
     int Init() override;
 
 private:
     Framework::Engine& m_engine;
     const AgentOptions& m_options;
     ReceiveStatistics& m_statistics;
-    int m_output_fd;
+    Output& m_output;
 };
 
 }  // namespace Agent

@@ -1,15 +1,11 @@
 #include "PrintingSubscriberTask.h"
 
 #include <Poco/Logger.h>
-#include <unistd.h>
-
-#include <cerrno>
-#include <cstring>
 #include <memory>
 
 #include "Framework/Engine.h"
 #include "FtraceWatchMessage.h"
-#include "MessageFormatter.h"
+#include "Output.h"
 #include "ReceiveStatistics.h"
 #include "SDK/LoggerUtils.h"
 
@@ -20,7 +16,6 @@ constexpr const char* kFtraceTaskName = "ftrace_task";
 constexpr unsigned int kQueueSlots = 65536;  // absorbs bursts (fork storms) while output blocks
 constexpr int kBatch = 1024;
 constexpr int kWaitMs = 250;           // bounds how late a stop request is noticed
-constexpr size_t kFlushBytes = 1 << 16;
 
 void Log(int priority, const std::string& text, int line) {
     SDK::LoggerUtils::Log(SDK::LoggerUtils::GetInstance()->GetModuleLogger("ftrace-agent", false), priority, text,
@@ -32,14 +27,13 @@ void Log(int priority, const std::string& text, int line) {
 const char* const PrintingSubscriberTask::kTaskName = "ftrace_agent_printer";
 
 PrintingSubscriberTask::PrintingSubscriberTask(Framework::Engine& engine, const AgentOptions& options,
-                                               ReceiveStatistics& statistics, int output_fd)
+                                               ReceiveStatistics& statistics, Output& output)
     : Framework::Task(kTaskName, "ftrace_agent_output", Framework::TaskCondition::TASK_TYPE_REPORTER, kQueueSlots),
       m_engine(engine),
       m_events(options.events),
-      m_format(options.format),
       m_limit(options.count),
       m_statistics(statistics),
-      m_output_fd(output_fd) {}
+      m_output(output) {}
 
 void PrintingSubscriberTask::SendWatchRequests(bool remove) {
     Framework::Task* ftrace_task = m_engine.FindTask(kFtraceTaskName);
@@ -58,6 +52,7 @@ void PrintingSubscriberTask::SendWatchRequests(bool remove) {
 }
 
 int PrintingSubscriberTask::Run() {
+    m_output.Start();
     SendWatchRequests(false);
     while (state() != Poco::Task::TASK_CANCELLING) {
         if (MessageEmpty()) GetEventWaiter().WaitAndHandleEvent(kWaitMs, 16);
@@ -67,7 +62,7 @@ int PrintingSubscriberTask::Run() {
     // What was already delivered is still printed.
     while (!MessageEmpty() && BulkConsumeMsg(kBatch) > 0) {
     }
-    Flush();
+    m_output.Finish();
     m_statistics.SetQueueDrops(DroppedMessages());
     return 0;
 }
@@ -75,17 +70,7 @@ int PrintingSubscriberTask::Run() {
 int PrintingSubscriberTask::Receive(Engine::FtraceMessage* message) {
     if (message == nullptr || m_limit_reached) return 0;
     const uint64_t total = m_statistics.Count(message->name());
-    switch (m_format) {
-        case OutputFormat::Text:
-            MessageFormatter::AppendText(m_pending, *message);
-            break;
-        case OutputFormat::Json:
-            MessageFormatter::AppendJson(m_pending, *message);
-            break;
-        case OutputFormat::None:
-            break;
-    }
-    if (m_pending.size() >= kFlushBytes) Flush();
+    m_output.Write(*message);
     if (m_limit != 0 && total >= m_limit) {
         m_limit_reached = true;
         Flush();
@@ -95,24 +80,11 @@ int PrintingSubscriberTask::Receive(Engine::FtraceMessage* message) {
 }
 
 void PrintingSubscriberTask::Flush() {
-    if (m_pending.empty()) return;
-    size_t done = 0;
-    while (!m_output_broken && done < m_pending.size()) {
-        const ssize_t n = write(m_output_fd, m_pending.data() + done, m_pending.size() - done);
-        if (n > 0) {
-            done += static_cast<size_t>(n);
-        } else if (n < 0 && errno == EINTR) {
-            continue;
-        } else {
-            // The reader went away (EPIPE) or the disk is full: stop cleanly so
-            // that the events are switched off again.
-            m_output_broken = true;
-            Log(Poco::Message::PRIO_ERROR, std::string("cannot write the output: ") + std::strerror(errno),
-                __LINE__);
-            m_engine.RequestStop();
-        }
-    }
-    m_pending.clear();
+    if (m_output_broken || m_output.Flush()) return;
+    // The reader went away or the disk is full: stop cleanly so that the
+    // events are switched off again.
+    m_output_broken = true;
+    m_engine.RequestStop();
 }
 
 }  // namespace Agent

@@ -1,6 +1,6 @@
 #pragma once
 // The agent's own subscriber: asks the ftrace task for the chosen events and
-// writes every trace message it receives to standard output.
+// hands every trace message it receives to the chosen output.
 
 #include <cstdint>
 #include <string>
@@ -17,6 +17,7 @@ class Engine;
 
 namespace Agent {
 
+class Output;
 class ReceiveStatistics;
 
 class PrintingSubscriberTask : public Framework::Task,
@@ -25,7 +26,7 @@ public:
     static const char* const kTaskName;
 
     PrintingSubscriberTask(Framework::Engine& engine, const AgentOptions& options, ReceiveStatistics& statistics,
-                           int output_fd);
+                           Output& output);
 
     int Run() override;
     int Receive(Engine::FtraceMessage* message) override;
@@ -36,13 +37,11 @@ private:
 
     Framework::Engine& m_engine;
     std::vector<EventName> m_events;
-    OutputFormat m_format;
     uint64_t m_limit;
     ReceiveStatistics& m_statistics;
-    int m_output_fd;
+    Output& m_output;
     bool m_output_broken = false;
     bool m_limit_reached = false;
-    std::string m_pending;  // formatted lines not yet written
 };
 
 }  // namespace Agent

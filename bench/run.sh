@@ -26,5 +26,9 @@ echo "== end to end"
 "$HERE/e2e.sh" "$BUILD"
 
 echo
+echo "== publishing to NATS JetStream against --format=none"
+if command -v nats-server > /dev/null; then "$HERE/nats.sh" "$BUILD"; else echo "nats-server is not installed: skipped"; fi
+
+echo
 echo "== exec latency (spawn of /bin/true to the subscriber's receipt of its exec message)"
 "$BUILD/bin/exec_latency" --rate=20 --count=200 --module="$BUILD/lib/libftrace_module.so"

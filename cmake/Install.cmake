@@ -40,7 +40,8 @@ install(CODE "
     \"\$ENV{DESTDIR}\${CMAKE_INSTALL_PREFIX}/lib/pkgconfig/ftrace-module.pc\" @ONLY)")
 
 install(FILES ${PROJECT_SOURCE_DIR}/packaging/ftrace-agent.service DESTINATION share/ftrace-agent)
-install(DIRECTORY ${PROJECT_SOURCE_DIR}/examples/exec_logger DESTINATION share/ftrace-agent/examples)
+install(DIRECTORY ${PROJECT_SOURCE_DIR}/examples/exec_logger ${PROJECT_SOURCE_DIR}/examples/nats_tail
+  DESTINATION share/ftrace-agent/examples)
 
 # cpack -G DEB in the build directory: one package with everything above.
 set(CPACK_PACKAGE_NAME "ftrace-agent")
@@ -53,6 +54,6 @@ set(CPACK_PACKAGING_INSTALL_PREFIX "${FTRACE_INSTALL_ROOT}")
 set(CPACK_DEBIAN_FILE_NAME DEB-DEFAULT)
 set(CPACK_DEBIAN_PACKAGE_SECTION "admin")
 set(CPACK_DEBIAN_PACKAGE_DEPENDS
-  "libtraceevent1 (>= 1:1.7), libtracefs1 (>= 1.6), libpocofoundation80, libpocoutil80, libstdc++6, libc6")
-set(CPACK_DEBIAN_PACKAGE_SUGGESTS "libtraceevent-dev, libtracefs-dev, libpoco-dev, cmake, pkg-config")
+  "libtraceevent1 (>= 1:1.7), libtracefs1 (>= 1.6), libpocofoundation80, libpocoutil80, libnats3.4, libstdc++6, libc6")
+set(CPACK_DEBIAN_PACKAGE_SUGGESTS "nats-server, libnats-dev, libtraceevent-dev, libtracefs-dev, libpoco-dev, cmake, pkg-config")
 include(CPack)

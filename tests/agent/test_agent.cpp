@@ -23,7 +23,7 @@ namespace {
 
 using AgentTest = TracefsTest;
 
-TEST_F(AgentTest, ExecOfSpawnedTrueIsPrintedAsTextAndJsonAndAStopSignalCleansUp) {
+TEST_F(AgentTest, EventsArePrintedInEachFormatAndAStopSignalCleansUp) {
     // A copy of the module besides the one the agent links: both in one
     // process. jemalloc overwrites freed memory, so that a use after free crashes.
     setenv("MALLOC_CONF", "junk:true", 1);
@@ -31,36 +31,47 @@ TEST_F(AgentTest, ExecOfSpawnedTrueIsPrintedAsTextAndJsonAndAStopSignalCleansUp)
     mkdir(copy.c_str(), 0755);
     std::filesystem::copy_file(FTRACE_BUILD_LIB_DIR "/libftrace_module.so", copy + "/libftrace_module.so",
                                std::filesystem::copy_options::overwrite_existing);
-    // The exec line of a pid is (^|\n) before + pid + after, with no line feed in between.
+    // The line of a pid is (^|\n) before + pid + after: the exec of a spawned
+    // /bin/true, or this process's openat of a missing file, whose ret
+    // (an int, -ENOENT) must print signed.
     const struct {
         const char* format;
+        const char* event;  // also traced, besides the process-life events
         const char* before;
         const char* after;
         int stop_signal;
         std::vector<std::string> options;
     } cases[] = {
         // The default module directory: build/module, as <prefix>/module when installed.
-        {"text", "sched:sched_process_exec [^\n]* pid: ", ",[^\n]*filename: /bin/true", SIGINT, {}},
+        {"text", nullptr, R"([0-9]+\.[0-9]{6} )", " sched:sched_process_exec filename=/bin/true pid=[0-9]+ old_pid=[0-9]+\n", SIGINT, {}},
+        {"raw", nullptr, "sched:sched_process_exec [^\n]* pid: ", ",[^\n]*filename: /bin/true\\0", SIGINT, {}},
         // A closed terminal; a duration longer than a clock can hold means until stopped.
-        {"json", R"(\{"name":"sched:sched_process_exec"[^\n]*"pid":)", R"(,[^\n]*"filename":"/bin/true\\u0000")",
+        {"json", nullptr, R"(\{"name":"sched:sched_process_exec"[^\n]*"pid":)", R"(,[^\n]*"filename":"/bin/true\\u0000")",
          SIGHUP, {"--module-dir=" + copy, "--duration=1e308"}},
+        {"text", "syscalls:sys_exit_openat", R"([0-9]+\.[0-9]{6} )", " syscalls:sys_exit_openat __syscall_nr=[0-9]+ ret=-2\n", SIGINT, {}},
+        {"json", "syscalls:sys_exit_openat", R"(\{"name":"syscalls:sys_exit_openat"[^\n]*"common_pid":)",
+         R"(,[^\n]*"ret":-2,"timestamp":[0-9]+\})", SIGINT, {}},
     };
     for (const auto& c : cases) {
-        SCOPED_TRACE(c.format);
+        SCOPED_TRACE(std::string(c.format) + (c.event ? " " + std::string(c.event) : ""));
         std::vector<std::string> options = c.options;
         options.push_back(std::string("--format=") + c.format);
+        if (c.event) options.push_back("--events=sched:sched_process_exec," + std::string(c.event));
         AgentProcess agent(options);
         if (!WaitUntilTracing(agent, "sched_process_exec")) return;
-        const pid_t pid = SpawnTrue();
+        const pid_t pid = c.event ? getpid() : SpawnTrue();
         // Records reach the reader at the buffer watermark or after its bounded 1000 ms wait.
-        const std::regex exec_line(std::string("(^|\n)") + c.before + std::to_string(pid) + c.after);
-        EXPECT_TRUE(WaitFor([&] { return std::regex_search(agent.Stdout(), exec_line); }, 15))
-            << "no exec line for pid " << pid << " in:\n" << agent.Stdout();
+        const std::regex line(std::string("(^|\n)") + c.before + std::to_string(pid) + c.after);
+        EXPECT_TRUE(WaitFor([&] {
+            // Again each time: the openat event may be switched on after the exec event.
+            if (c.event) close(open("/nonexistent/ftrace-agent-test", O_RDONLY));
+            return std::regex_search(agent.Stdout(), line);
+        }, 15)) << "no line for pid " << pid << " in:\n" << agent.Stdout().substr(0, 4000);
         agent.Signal(c.stop_signal);
         EXPECT_EQ(agent.Wait(std::chrono::seconds(20)), 0) << agent.Stderr();
-        EXPECT_NE(agent.Stderr().find("sched:sched_process_exec: "), std::string::npos) << agent.Stderr();
+        EXPECT_NE(agent.Stderr().find(c.event ? c.event : "sched:sched_process_exec"), std::string::npos) << agent.Stderr();
         EXPECT_NE(agent.Stderr().find("dropped events"), std::string::npos) << agent.Stderr();
-        if (c.format != std::string("json")) continue;
+        if (c.format != std::string("json") || c.event) continue;
         // Every line must parse with a stock JSON parser and give back the exact bytes.
         FILE* check = popen(("python3 -c 'import json, sys\n"
                              "sys.exit(0 if any([o[\"name\"] == \"sched:sched_process_exec\" and o[\"numbers\"][\"pid\"] == " +

@@ -83,9 +83,9 @@ uint64_t TracefsTest::ZevLost() {
     }
 }
 
-pid_t TracefsTest::SpawnTrue() {
+pid_t TracefsTest::SpawnTrue(const char* path) {
     pid_t pid = -1;
-    char* argv[] = {const_cast<char*>("/bin/true"), nullptr};
+    char* argv[] = {const_cast<char*>(path), nullptr};
     int status = -1;
     if (posix_spawn(&pid, argv[0], nullptr, nullptr, argv, environ) != 0 || waitpid(pid, &status, 0) != pid) return -1;
     return status == 0 ? pid : -1;

@@ -35,8 +35,8 @@ protected:
     // overrun" and "dropped events" summed over per_cpu/cpuN/stats.
     static uint64_t ZevLost();
 
-    // Runs /bin/true to its end; its pid, -1 on failure.
-    static pid_t SpawnTrue();
+    // Runs /bin/true (or a copy of it at `path`) to its end; its pid, -1 on failure.
+    static pid_t SpawnTrue(const char* path = "/bin/true");
     // Until `agent` switched sched_event on in ZEV. Otherwise the test is
     // skipped when another agent took ZEV first, else failed.
     bool WaitUntilTracing(AgentProcess& agent, const std::string& sched_event, int seconds = 30);

@@ -38,6 +38,14 @@ OutputFormat AgentOptions::ParseFormat(const std::string& text) {
     throw std::invalid_argument("--format: '" + text + "' is not one of text, json, none");
 }
 
+Latency AgentOptions::ParseLatency(const std::string& text) {
+    if (text == "low") return Latency::Low;
+    if (text == "batch") return Latency::Batch;
+    throw std::invalid_argument("--latency: '" + text + "' is not one of low, batch");
+}
+
+const char* AgentOptions::LatencyName(Latency latency) { return latency == Latency::Low ? "low" : "batch"; }
+
 double AgentOptions::ParseSeconds(const std::string& text) {
     char* end = nullptr;
     errno = 0;

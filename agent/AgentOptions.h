@@ -16,6 +16,10 @@ struct EventName {
 
 enum class OutputFormat { Text, Json, None };
 
+// low: every record wakes the reader, coalesced to a few milliseconds;
+// batch: the kernel's watermark and the reader's bounded wait of a second.
+enum class Latency { Low, Batch };
+
 class AgentOptions {
 public:
     AgentOptions();
@@ -24,6 +28,8 @@ public:
     // message naming the bad entry.
     static std::vector<EventName> ParseEventList(const std::string& text);
     static OutputFormat ParseFormat(const std::string& text);
+    static Latency ParseLatency(const std::string& text);
+    static const char* LatencyName(Latency latency);
     // Decimal seconds > 0 ("2", "0.5").
     static double ParseSeconds(const std::string& text);
     // Decimal integer in [min, max].
@@ -32,6 +38,7 @@ public:
 
     std::vector<EventName> events;  // the three process-life events unless --events is given
     OutputFormat format = OutputFormat::Text;
+    Latency latency = Latency::Low;
     double duration_seconds = 0;  // 0: until stopped
     uint64_t count = 0;           // 0: no limit
     std::vector<int> pids;

@@ -29,6 +29,7 @@
 
 #include "AvailableEvents.h"
 #include "FtraceModule.h"
+#include "FtraceWakeup.h"
 #include "InstanceLock.h"
 #include "InstanceLossReader.h"
 #include "PrintingSubscriberModule.h"
@@ -124,6 +125,11 @@ void FtraceAgent::defineOptions(Poco::Util::OptionSet& options) {
     options.addOption(Option("format", "f", "output: text (one message per line), json (one object per line) or "
                                             "none (count only); default text")
                           .argument("FORMAT"));
+    options.addOption(Option("latency", "l",
+                             "low (default): an event is read within milliseconds of happening, and a burst is "
+                             "read in whole pages every few milliseconds; batch: records are read when a CPU's "
+                             "buffer is half full or after at most a second")
+                          .argument("low|batch"));
     options.addOption(Option("duration", "d", "stop after SECONDS (fractions allowed)").argument("SECONDS"));
     options.addOption(Option("count", "c", "stop after N messages").argument("N"));
     options.addOption(Option("pid", "p", "trace only process PID (repeatable)").argument("PID").repeatable(true));
@@ -161,6 +167,8 @@ void FtraceAgent::handleOption(const std::string& name, const std::string& value
             }
         } else if (name == "format") {
             m_options.format = AgentOptions::ParseFormat(value);
+        } else if (name == "latency") {
+            m_options.latency = AgentOptions::ParseLatency(value);
         } else if (name == "duration") {
             m_options.duration_seconds = AgentOptions::ParseSeconds(value);
         } else if (name == "count") {
@@ -292,6 +300,10 @@ void FtraceAgent::WarnIfNotLinkedCopy(const std::string& module_path) const {
 int FtraceAgent::LoadModules(const std::string& module_dir) {
     const std::string ftrace_path = module_dir + "/" + kModuleFileName;
     std::string error;
+    // Read by the module when its task starts; batch leaves the keys unset.
+    const ::Engine::FtraceWakeup wakeup =
+        m_options.latency == Latency::Low ? ::Engine::FtraceWakeup::LowLatency() : ::Engine::FtraceWakeup();
+    wakeup.Store(config());
     if (!IsFile(ftrace_path)) {
         return Fail("cannot load module " + ftrace_path + ": no such file; point --module-dir at the directory " +
                     "holding " + kModuleFileName);
@@ -312,6 +324,8 @@ int FtraceAgent::LoadModules(const std::string& module_dir) {
         return Fail(kNoTracingLine);
     }
     Log(Poco::Message::PRIO_INFORMATION, "loaded " + ftrace_path, __LINE__);
+    Log(Poco::Message::PRIO_INFORMATION,
+        std::string("latency ") + AgentOptions::LatencyName(m_options.latency) + ": " + wakeup.Describe(), __LINE__);
 
     for (const auto& name : SharedObjects(module_dir, kModuleFileName)) {
         const std::string path = module_dir + "/" + name;

@@ -103,10 +103,10 @@ private:
     uint64_t m_watch_generation = 1;     // bumped on every change of m_watches
     int m_delivering = 0;                // nesting depth of send_ftrace_message
     std::vector<std::unique_ptr<const std::vector<std::string>>> m_retired_subscribers;
-    // The application last cast to the engine, its dynamic type, and the result.
     FtraceWakeup m_wakeup;        // as configured when Init ran
     uint64_t m_records_read = 0;  // every record handed to send_ftrace_message
-    std::chrono::steady_clock::time_point m_held_off_until{};
+    std::chrono::steady_clock::time_point m_held_off_until{};  // of the next wait, when set
+    // The application last cast to the engine, its dynamic type, and the result.
     const Poco::Util::Application* m_application = nullptr;
     const std::type_info* m_application_type = nullptr;
     Framework::Engine* m_engine = nullptr;

@@ -94,6 +94,11 @@ void DeliverExecToSubscribers(const WakeupCase& c) {
     for (Framework::Task* watcher : std::vector<Framework::Task*>{a, b, &ghost})
         send(watcher, "sched", "sched_process_exec", false);
     ASSERT_TRUE(tasktest::WaitFor([] { return EnableState("sched", "sched_process_exec") == "1"; }));
+    // All three subscriptions are in before the spawn: a drain between them would give the exec to a alone.
+    ASSERT_TRUE(tasktest::WaitFor([&] {
+        const std::vector<std::string> lines = log->lines();
+        return std::count(lines.begin(), lines.end(), "6 Setting event: sched:sched_process_exec") == 3;
+    }));
     EXPECT_TRUE(logged("3 Invalid event: ../../x:y") && logged("3 Invalid event: sched:../../x"));
     EXPECT_EQ(tasktest::ReadText(tasktest::kInstanceDir + "/set_event"), "sched:sched_process_exec\n");
 

@@ -40,6 +40,14 @@ std::string AgentOptions::ParseFormat(const std::string& text) {
     return text;
 }
 
+Latency AgentOptions::ParseLatency(const std::string& text) {
+    if (text == "low") return Latency::Low;
+    if (text == "batch") return Latency::Batch;
+    throw std::invalid_argument("--latency: '" + text + "' is not one of low, batch");
+}
+
+const char* AgentOptions::LatencyName(Latency latency) { return latency == Latency::Low ? "low" : "batch"; }
+
 double AgentOptions::ParseSeconds(const std::string& text) {
     char* end = nullptr;
     errno = 0;

@@ -16,6 +16,10 @@ struct EventName {
     std::string FullName() const { return system + ":" + event; }
 };
 
+// low: every record wakes the reader, coalesced to a few milliseconds;
+// batch: the kernel's watermark and the reader's bounded wait of a second.
+enum class Latency { Low, Batch };
+
 class AgentOptions {
 public:
     AgentOptions();
@@ -25,6 +29,8 @@ public:
     static std::vector<EventName> ParseEventList(const std::string& text);
     // One of OutputTable::FormatNames().
     static std::string ParseFormat(const std::string& text);
+    static Latency ParseLatency(const std::string& text);
+    static const char* LatencyName(Latency latency);
     // Decimal seconds > 0 ("2", "0.5").
     static double ParseSeconds(const std::string& text);
     // Decimal integer in [min, max].
@@ -35,6 +41,7 @@ public:
     std::string format = "text";
     std::string output_url;  // --output: a message system instead of standard output
     NatsSettings nats;
+    Latency latency = Latency::Low;
     double duration_seconds = 0;  // 0: until stopped
     uint64_t count = 0;           // 0: no limit
     std::vector<int> pids;

@@ -29,6 +29,7 @@
 
 #include "AvailableEvents.h"
 #include "FtraceModule.h"
+#include "FtraceWakeup.h"
 #include "InstanceLock.h"
 #include "InstanceLossReader.h"
 #include "OutputTable.h"
@@ -139,6 +140,11 @@ void FtraceAgent::defineOptions(Poco::Util::OptionSet& options) {
                              "output, the JSON object of --format=json per message; see the --nats-* options")
                           .argument("URLS"));
     NatsSettings::DefineOptions(options);
+    options.addOption(Option("latency", "l",
+                             "low (default): an event is read within milliseconds of happening, and a burst is "
+                             "read in whole pages every few milliseconds; batch: records are read when a CPU's "
+                             "buffer is half full or after at most a second")
+                          .argument("low|batch"));
     options.addOption(Option("duration", "d", "stop after SECONDS (fractions allowed)").argument("SECONDS"));
     options.addOption(Option("count", "c", "stop after N messages").argument("N"));
     options.addOption(Option("pid", "p", "trace only process PID (repeatable)").argument("PID").repeatable(true));
@@ -180,6 +186,8 @@ void FtraceAgent::handleOption(const std::string& name, const std::string& value
         } else if (name == "output") {
             m_options.nats.servers = NatsSettings::ParseServers(value);
             m_options.output_url = value;
+        } else if (name == "latency") {
+            m_options.latency = AgentOptions::ParseLatency(value);
         } else if (name == "duration") {
             m_options.duration_seconds = AgentOptions::ParseSeconds(value);
         } else if (name == "count") {
@@ -320,6 +328,10 @@ void FtraceAgent::WarnIfNotLinkedCopy(const std::string& module_path) const {
 int FtraceAgent::LoadModules(const std::string& module_dir) {
     const std::string ftrace_path = module_dir + "/" + kModuleFileName;
     std::string error = RegularFile::Problem(ftrace_path);
+    // Read by the module when its task starts; batch leaves the keys unset.
+    const ::Engine::FtraceWakeup wakeup =
+        m_options.latency == Latency::Low ? ::Engine::FtraceWakeup::LowLatency() : ::Engine::FtraceWakeup();
+    wakeup.Store(config());
     if (!error.empty()) {
         return Fail("cannot load module " + ftrace_path + ": " + error + "; point --module-dir at the directory " +
                     "holding " + kModuleFileName);
@@ -354,6 +366,8 @@ int FtraceAgent::LoadModules(const std::string& module_dir) {
         return Fail(kNoTracingLine);
     }
     Log(Poco::Message::PRIO_INFORMATION, "loaded " + ftrace_path, __LINE__);
+    Log(Poco::Message::PRIO_INFORMATION,
+        std::string("latency ") + AgentOptions::LatencyName(m_options.latency) + ": " + wakeup.Describe(), __LINE__);
 
     for (const auto& name : others) {
         const std::string path = module_dir + "/" + name;

@@ -1,18 +1,25 @@
 #!/bin/bash
-# End to end: ftrace-agent subscribed to sched:sched_switch (no output) while
-# `perf bench sched pipe` runs, then `perf record` of the same event on the same
-# workload as the peer. Prints records delivered, records the kernel lost and
-# CPU time of each tracer. Needs root and tracefs; no other user of the
-# instance ZEV may run meanwhile.
+# End to end, for both latency settings of the agent side by side (batch,
+# then low, ROUNDS times): ftrace-agent subscribed to sched:sched_switch (no
+# output) while `perf bench sched pipe` runs, and exec_latency quiet and
+# during a storm; then `perf record` of the same event on the same workload as
+# the peer. Prints records delivered, records the kernel lost, CPU time of each
+# tracer and the exec latencies, and one table of both settings. Needs root
+# and tracefs; no other user of the instance ZEV may run meanwhile.
 #
-#   bench/e2e.sh [build dir, default build-perf]     LOOPS=200000 by default
+#   bench/e2e.sh [build dir, default build-perf]
+#   LOOPS=200000 (storm), ROUNDS=1, SPAWNS=200 (quiet execs), MIXED_LOOPS=2000000 (storm beside the execs)
 set -euo pipefail
 
 HERE=$(cd "$(dirname "$0")" && pwd)
 BUILD=${1:-$HERE/../build-perf}
 BUILD=$(cd "$BUILD" && pwd)
 LOOPS=${LOOPS:-200000}
+ROUNDS=${ROUNDS:-1}
+SPAWNS=${SPAWNS:-200}
+MIXED_LOOPS=${MIXED_LOOPS:-2000000}
 AGENT=$BUILD/bin/ftrace-agent
+LATENCY=$BUILD/bin/exec_latency
 ZEV=/sys/kernel/tracing/instances/ZEV
 WORK=$(mktemp -d /tmp/ftrace_e2e_XXXXXX)
 agent_pid=
@@ -26,6 +33,7 @@ cleanup() {
 trap cleanup EXIT
 
 [ -x "$AGENT" ] || { echo "no $AGENT: build it first" >&2; exit 1; }
+[ -x "$LATENCY" ] || { echo "no $LATENCY: build it first" >&2; exit 1; }
 command -v perf > /dev/null || { echo "perf is not installed" >&2; exit 1; }
 
 # CPU nanoseconds of every thread of a process so far (user + system).
@@ -60,37 +68,50 @@ wait_for() {  # condition, seconds
 mkdir "$WORK/modules"
 ln -s "$BUILD/lib/libftrace_module.so" "$WORK/modules/"
 
-echo "== ftrace-agent --events=sched:sched_switch --format=none, perf bench sched pipe -l $LOOPS"
-"$AGENT" --module-dir="$WORK/modules" --events=sched:sched_switch --format=none --log-level=warning \
-    > "$WORK/agent.out" 2> "$WORK/agent.err" &
-agent_pid=$!
-wait_for '[ "$(cat $ZEV/events/sched/sched_switch/enable 2>/dev/null)" = 1 ] || ! kill -0 $agent_pid 2>/dev/null' 10
-if ! kill -0 "$agent_pid" 2>/dev/null || [ "$(cat $ZEV/events/sched/sched_switch/enable 2>/dev/null)" != 1 ]; then
-    echo "the agent did not start tracing:" >&2
-    cat "$WORK/agent.err" >&2
-    exit 1
-fi
-# Counted as a difference, should ZEV have existed before the agent started.
-overrun0=$(zev_stat overrun); dropped0=$(zev_stat "dropped events")
-cpu0=$(cpu_ns "$agent_pid")
-perf bench sched pipe -l "$LOOPS" > "$WORK/pipe.out"
-sleep 1.5  # the agent's bounded wait: whatever is still buffered is read by now
-cpu1=$(cpu_ns "$agent_pid")
-overrun=$(( $(zev_stat overrun) - overrun0 )); dropped=$(( $(zev_stat "dropped events") - dropped0 ))
-utime_stime=$(awk '{print $14 + $15}' /proc/"$agent_pid"/stat)
-kill -INT "$agent_pid"
-wait "$agent_pid" || true
-agent_pid=
-delivered=$(sed -n 's/^ftrace-agent summary: \([0-9]*\) messages.*/\1/p' "$WORK/agent.err")
-sed -n '/^ftrace-agent summary/,$p' "$WORK/agent.err" | sed 's/^/  /'
-agent_cpu_ns=$((cpu1 - cpu0))
-echo "  pipe benchmark: $(grep -E 'usecs/op' "$WORK/pipe.out" | sed 's/^ *//')"
-echo "  records delivered:         ${delivered:-?}"
-echo "  kernel lost (ZEV):         overrun $overrun, dropped $dropped"
-echo "  agent CPU during the run:  $(awk -v n="$agent_cpu_ns" 'BEGIN{printf "%.3f s", n/1e9}') (whole life: $(awk -v t="$utime_stime" -v hz="$(getconf CLK_TCK)" 'BEGIN{printf "%.2f s", t/hz}') user+sys)"
-if [ -n "${delivered:-}" ] && [ "$delivered" -gt 0 ]; then
-    echo "  agent CPU per record:      $(awk -v n="$agent_cpu_ns" -v r="$delivered" 'BEGIN{printf "%.0f ns", n/r}')"
-fi
+# storm <setting> <round>: one agent run; appends "setting round delivered lost cpu_ns" to $WORK/storm.
+storm() {
+    echo "== ftrace-agent --latency=$1 --events=sched:sched_switch --format=none, perf bench sched pipe -l $LOOPS"
+    "$AGENT" --module-dir="$WORK/modules" --latency="$1" --events=sched:sched_switch --format=none --log-level=warning \
+        > "$WORK/agent.out" 2> "$WORK/agent.err" &
+    agent_pid=$!
+    wait_for '[ "$(cat $ZEV/events/sched/sched_switch/enable 2>/dev/null)" = 1 ] || ! kill -0 $agent_pid 2>/dev/null' 10
+    if ! kill -0 "$agent_pid" 2>/dev/null || [ "$(cat $ZEV/events/sched/sched_switch/enable 2>/dev/null)" != 1 ]; then
+        echo "the agent did not start tracing:" >&2
+        cat "$WORK/agent.err" >&2
+        exit 1
+    fi
+    # ZEV may have existed before (it is adopted then): count the difference.
+    local overrun0 dropped0 cpu0 cpu1 overrun dropped utime_stime delivered agent_cpu_ns
+    overrun0=$(zev_stat overrun); dropped0=$(zev_stat "dropped events")
+    cpu0=$(cpu_ns "$agent_pid")
+    perf bench sched pipe -l "$LOOPS" > "$WORK/pipe.out"
+    sleep 1.5  # the agent's bounded wait: whatever is still buffered is read by now
+    cpu1=$(cpu_ns "$agent_pid")
+    overrun=$(( $(zev_stat overrun) - overrun0 )); dropped=$(( $(zev_stat "dropped events") - dropped0 ))
+    utime_stime=$(awk '{print $14 + $15}' /proc/"$agent_pid"/stat)
+    kill -INT "$agent_pid"
+    wait "$agent_pid" || true
+    agent_pid=
+    delivered=$(sed -n 's/^ftrace-agent summary: \([0-9]*\) messages.*/\1/p' "$WORK/agent.err")
+    sed -n '/^ftrace-agent summary/,$p' "$WORK/agent.err" | sed 's/^/  /'
+    agent_cpu_ns=$((cpu1 - cpu0))
+    echo "  pipe benchmark: $(grep -E 'usecs/op' "$WORK/pipe.out" | sed 's/^ *//')"
+    echo "  records delivered:         ${delivered:-?}"
+    echo "  kernel lost (ZEV):         overrun $overrun, dropped $dropped"
+    echo "  agent CPU during the run:  $(awk -v n="$agent_cpu_ns" 'BEGIN{printf "%.3f s", n/1e9}') (whole life: $(awk -v t="$utime_stime" -v hz="$(getconf CLK_TCK)" 'BEGIN{printf "%.2f s", t/hz}') user+sys)"
+    if [ -n "${delivered:-}" ] && [ "$delivered" -gt 0 ]; then
+        echo "  agent CPU per record:      $(awk -v n="$agent_cpu_ns" -v r="$delivered" 'BEGIN{printf "%.0f ns", n/r}')"
+    fi
+    echo "$1 $2 ${delivered:-0} $((overrun + dropped)) $agent_cpu_ns" >> "$WORK/storm"
+}
+
+for round in $(seq "$ROUNDS"); do
+    for setting in batch low; do storm "$setting" "$round"; done
+done
+echo "== exec latency, $SPAWNS spawns of /bin/true at 20/s"
+"$LATENCY" --count="$SPAWNS" --module="$BUILD/lib/libftrace_module.so" | tee -a "$WORK/latency" || true
+echo "== exec latency while perf bench sched pipe -l $MIXED_LOOPS runs, sched:sched_switch taken too"
+"$LATENCY" --storm="$MIXED_LOOPS" --module="$BUILD/lib/libftrace_module.so" | tee -a "$WORK/latency" || true
 
 echo "== peer: perf record -e sched:sched_switch -a, same workload"
 perf record -q -e sched:sched_switch -a -N -B -o "$WORK/perf.data" > "$WORK/perf.out" 2>&1 &
@@ -114,3 +135,17 @@ echo "  perf CPU during the run:   $(awk -v n="$perf_cpu_ns" 'BEGIN{printf "%.3f
 if [ "$perf_records" -gt 0 ]; then
     echo "  perf CPU per record:       $(awk -v n="$perf_cpu_ns" -v r="$perf_records" 'BEGIN{printf "%.0f ns", n/r}')"
 fi
+
+echo "== both settings (storm: perf bench sched pipe -l $LOOPS; ratio against batch of the same round)"
+printf '%-6s %-5s %10s %6s %9s %9s   %-24s %-24s\n' setting round delivered lost "ns/rec" "x batch" \
+    "exec quiet p50/p99/max" "exec storm p50/p99/max"
+latency_of() {  # setting quiet|storm -> "p50/p99/max ms (n of m)"
+    sed -n "s/^exec latency $1 $2: \([0-9]*\) of \([0-9]*\) .*p50 \([0-9.]*\) ms, p99 \([0-9.]*\) ms, max \([0-9.]*\) ms/\3\/\4\/\5 (\1\/\2)/p" "$WORK/latency"
+}
+while read -r setting round delivered lost cpu; do
+    per=$(awk -v n="$cpu" -v r="$delivered" 'BEGIN{ if (r > 0) printf "%.0f", n/r; else print "-" }')
+    base=$(awk -v r="$round" '$1 == "batch" && $2 == r { if ($3 > 0) printf "%.0f", $5/$3 }' "$WORK/storm")
+    ratio=$(awk -v p="$per" -v b="$base" 'BEGIN{ if (b > 0 && p > 0) printf "%.2f", p/b; else print "-" }')
+    printf '%-6s %-5s %10s %6s %9s %9s   %-24s %-24s\n' "$setting" "$round" "$delivered" "$lost" "$per" "$ratio" \
+        "$(latency_of "$setting" quiet)" "$(latency_of "$setting" storm)"
+done < "$WORK/storm"

@@ -1,7 +1,8 @@
 #!/bin/bash
-# Builds the benchmarks in Release (build-perf) and runs all three: the record
-# path against its floor and the text decoder, the agent end to end against
-# perf record, and the exec latency. Needs root and tracefs for the last two.
+# Builds the benchmarks in Release (build-perf) and runs them: the record path
+# against its floor and the text decoder, then the agent end to end against
+# perf record and the exec latency, both latency settings side by side
+# (e2e.sh). Needs root and tracefs for the last part.
 # Not part of CI. Run it on a quiet machine: the figures are wall-clock based.
 #
 #   bench/run.sh [build dir, default build-perf]
@@ -22,13 +23,10 @@ echo "== record path, with glibc's allocator"
 "$BUILD/bin/record_path_bench_glibc" --benchmark_min_time=0.5 --benchmark_repetitions=5
 
 echo
-echo "== end to end"
+echo "== end to end and exec latency, --latency=batch and low"
 "$HERE/e2e.sh" "$BUILD"
 
 echo
 echo "== publishing to NATS JetStream against --format=none"
 if command -v nats-server > /dev/null; then "$HERE/nats.sh" "$BUILD"; else echo "nats-server is not installed: skipped"; fi
 
-echo
-echo "== exec latency (spawn of /bin/true to the subscriber's receipt of its exec message)"
-"$BUILD/bin/exec_latency" --rate=20 --count=200 --module="$BUILD/lib/libftrace_module.so"

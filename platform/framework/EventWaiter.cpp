@@ -4,6 +4,7 @@
 #include <unistd.h>
 
 #include <cerrno>
+#include <thread>
 
 #include "Framework/Event.h"
 
@@ -37,7 +38,23 @@ int EventWaiter::WaitAndHandleEvent(int timeout_ms, int max_events) {
         return -1;
     }
     if (m_ready.size() < static_cast<size_t>(max_events)) m_ready.resize(static_cast<size_t>(max_events));
+    // The hook runs before any hold-off: the tasks this one enqueued to are
+    // woken before it sleeps, not after.
     if (m_before_wait != nullptr && m_before_wait(m_before_wait_context)) timeout_ms = 0;
+    if (m_hold_off_until != std::chrono::steady_clock::time_point{}) {
+        const auto hold = m_hold_off_until - std::chrono::steady_clock::now();
+        m_hold_off_until = {};
+        if (timeout_ms != 0 && hold > hold.zero()) {
+            const auto ms = std::chrono::ceil<std::chrono::milliseconds>(hold);
+            if (timeout_ms > 0 && ms.count() >= timeout_ms) {
+                std::this_thread::sleep_for(std::chrono::milliseconds(timeout_ms));
+                timeout_ms = 0;
+            } else {
+                std::this_thread::sleep_for(hold);
+                if (timeout_ms > 0) timeout_ms -= static_cast<int>(ms.count());
+            }
+        }
+    }
     const int n = ::epoll_wait(m_epoll_fd, m_ready.data(), max_events, timeout_ms);
     if (n < 0) return errno == EINTR ? 0 : -1;
     for (int i = 0; i < n; ++i) {

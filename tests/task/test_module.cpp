@@ -8,12 +8,14 @@
 #include <unistd.h>
 
 #include <algorithm>
+#include <chrono>
 #include <cstdio>
 #include <filesystem>
 #include <iostream>
 
 #include "Framework/Engine.h"
 #include "Framework/Module.h"
+#include "FtraceWakeup.h"
 #include "FtraceWatchMessage.h"
 #include "TaskTestSupport.h"
 
@@ -47,11 +49,21 @@ std::string Output(const std::string& command) {
     return out;
 }
 
-}  // namespace
+// The host's wake-up settings. Without them a new instance keeps the kernel's
+// watermark (50 %) and a record may wait for the reader's bounded wait of a
+// second; with a watermark of 0 written before the readers are polled, the
+// exec arrives well within it. Malformed values change nothing.
+struct WakeupCase {
+    std::vector<std::pair<std::string, std::string>> config;
+    std::string buffer_percent;
+    std::chrono::milliseconds bound;  // spawn to receipt, 0: none
+    std::vector<std::string> lines;
+};
 
-TEST(FtraceModuleTest, DeliversOneSharedMessageToEverySubscriber) {
+void DeliverExecToSubscribers(const WakeupCase& c) {
     const bool existed = std::filesystem::exists(tasktest::kInstanceDir);
     auto engine = std::make_unique<Framework::Engine>();
+    for (const auto& setting : c.config) engine->config().setString(setting.first, setting.second);
     // Poco's application points every existing logger at the console: capture afterwards.
     auto log = tasktest::CaptureFtraceLog(Poco::Message::PRIO_INFORMATION);
     std::string error;
@@ -62,6 +74,7 @@ TEST(FtraceModuleTest, DeliversOneSharedMessageToEverySubscriber) {
     auto* a = dynamic_cast<Subscriber*>(engine->FindTask("sub_a"));
     auto* b = dynamic_cast<Subscriber*>(engine->FindTask("sub_b"));
     ASSERT_TRUE(ftrace && a && b);
+    EXPECT_EQ(tasktest::ReadText(tasktest::kInstanceDir + "/buffer_percent"), c.buffer_percent);
     const auto send = [&](Framework::Task* watcher, const std::string& system, const std::string& event, bool remove) {
         std::shared_ptr<Framework::Message> message =
             std::make_shared<Engine::FtraceWatchMessage>(watcher, system, event, remove);
@@ -81,17 +94,26 @@ TEST(FtraceModuleTest, DeliversOneSharedMessageToEverySubscriber) {
     for (Framework::Task* watcher : std::vector<Framework::Task*>{a, b, &ghost})
         send(watcher, "sched", "sched_process_exec", false);
     ASSERT_TRUE(tasktest::WaitFor([] { return EnableState("sched", "sched_process_exec") == "1"; }));
+    // All three subscriptions are in before the spawn: a drain between them would give the exec to a alone.
+    ASSERT_TRUE(tasktest::WaitFor([&] {
+        const std::vector<std::string> lines = log->lines();
+        return std::count(lines.begin(), lines.end(), "6 Setting event: sched:sched_process_exec") == 3;
+    }));
     EXPECT_TRUE(logged("3 Invalid event: ../../x:y") && logged("3 Invalid event: sched:../../x"));
     EXPECT_EQ(tasktest::ReadText(tasktest::kInstanceDir + "/set_event"), "sched:sched_process_exec\n");
 
     pid_t child = 0;
     char* argv[] = {const_cast<char*>("/bin/true"), nullptr};
+    const auto spawned = std::chrono::steady_clock::now();
     ASSERT_EQ(posix_spawn(&child, "/bin/true", nullptr, nullptr, argv, environ), 0);
     ASSERT_EQ(waitpid(child, nullptr, 0), child);
     const auto exec_of_child = [child](const Engine::FtraceMessage& m) {
         return m.name() == "sched:sched_process_exec" && m.get_number("pid") == static_cast<unsigned long>(child);
     };
     ASSERT_TRUE(tasktest::WaitFor([&] { return a->Find(exec_of_child) && b->Find(exec_of_child); }));
+    if (c.bound.count() > 0) {
+        EXPECT_LT(std::chrono::steady_clock::now() - spawned, c.bound);
+    }
     const auto message = a->Find(exec_of_child);
     EXPECT_EQ(message, b->Find(exec_of_child));
     EXPECT_EQ(message->get_string("filename").rfind("/bin/true", 0), 0u) << *message;
@@ -100,6 +122,7 @@ TEST(FtraceModuleTest, DeliversOneSharedMessageToEverySubscriber) {
     EXPECT_TRUE(logged("6 FtraceTask::send_ftrace_message: Task ghost not found"));
     for (const char* line : {"6 Ftrace module init", "6 Ftrace task init", "6 Ftrace task Run"})
         EXPECT_TRUE(logged(line)) << line;
+    for (const std::string& line : c.lines) EXPECT_TRUE(logged(line)) << line;
 
     for (Framework::Task* watcher : std::vector<Framework::Task*>{a, &ghost, b})
         send(watcher, "sched", "sched_process_exec", true);
@@ -107,6 +130,28 @@ TEST(FtraceModuleTest, DeliversOneSharedMessageToEverySubscriber) {
     engine.reset();  // shuts the tasks down
     EXPECT_EQ(std::filesystem::exists(tasktest::kInstanceDir), existed);
     EXPECT_EQ(tasktest::ReadText("/sys/kernel/tracing/set_event"), "");
+}
+
+}  // namespace
+
+TEST(FtraceModuleTest, DeliversOneSharedMessageToEverySubscriber) {
+    using Engine::FtraceWakeup;
+    const WakeupCase cases[] = {
+        {{}, "50\n", std::chrono::milliseconds(0), {}},
+        {{{FtraceWakeup::kBufferPercentKey, "0"}, {FtraceWakeup::kCoalesceMsKey, "4"}},
+         "0\n",
+         std::chrono::milliseconds(200),
+         {"6 Ftrace wake-up: readers wake at buffer_percent 0, next wait held off 4 ms after a pass that read records"}},
+        {{{FtraceWakeup::kBufferPercentKey, "fast"}, {FtraceWakeup::kCoalesceMsKey, "-1"}},
+         "50\n",
+         std::chrono::milliseconds(0),
+         {"3 Ignoring ftrace.wakeup.buffer_percent=fast: not a whole number from 0 to 100",
+          "3 Ignoring ftrace.wakeup.coalesce_ms=-1: not a whole number from 0 to 1000"}},
+    };
+    for (const WakeupCase& c : cases) {
+        SCOPED_TRACE(c.config.empty() ? "unconfigured" : c.config[0].second);
+        DeliverExecToSubscribers(c);
+    }
 }
 
 TEST(FtraceModuleEntryTest, DeclinesWhenTheInstanceCannotBeCreated) {

@@ -94,6 +94,10 @@ FtraceTask::~FtraceTask() {
 int FtraceTask::Init() {
     FTRACE_LOG_TO(m_logger, Poco::Message::PRIO_INFORMATION, "Ftrace task init");
     m_readers = CreateReaders(m_ftrace);
+    // The kernel puts a poller of trace_pipe_raw on the wait queue that the
+    // watermark of that moment selects, when its descriptor joins the epoll
+    // set: the watermark must be written first.
+    ApplyWakeupSettings();
     // The waiter keeps each event's address: the vector must never reallocate
     // once the first event is registered.
     m_events.reserve(m_readers.size());
@@ -105,6 +109,21 @@ int FtraceTask::Init() {
     }
     m_pages_per_drain = PagesPerDrain(m_ftrace, m_readers);
     return Framework::Task::Init();
+}
+
+void FtraceTask::ApplyWakeupSettings() {
+    m_wakeup = FtraceWakeup();
+    try {
+        m_wakeup = FtraceWakeup::FromConfiguration(Poco::Util::Application::instance().config());
+    } catch (const std::exception&) {
+        // No host application, hence no configuration: the kernel's watermark stays.
+    }
+    if (!m_wakeup.Configured()) return;
+    if (m_wakeup.buffer_percent >= 0 &&
+        !m_ftrace.write_file(m_ftrace.tracing_file("buffer_percent"), std::to_string(m_wakeup.buffer_percent))) {
+        m_wakeup.buffer_percent = -1;
+    }
+    FTRACE_LOG_TO(m_logger, Poco::Message::PRIO_INFORMATION, "Ftrace wake-up: %s", m_wakeup.Describe());
 }
 
 std::vector<FtracePerCPUReader*> FtraceTask::CreateReaders(Ftrace& ftrace) {
@@ -136,17 +155,32 @@ std::vector<FtracePerCPUReader*> FtraceTask::CreateReaders(Ftrace& ftrace) {
 }
 
 int FtraceTask::Run() {
+    using Clock = std::chrono::steady_clock;
     FTRACE_LOG_TO(m_logger, Poco::Message::PRIO_INFORMATION, "Ftrace task Run");
+    const bool coalescing = m_wakeup.coalesce_ms > 0;
     BulkConsumeMsg(kMessagesPerBatch);
     while (state() != kStateCancelling) {
+        const uint64_t records_before = m_records_read;
+        Clock::time_point pass_began;
         if (MessageEmpty()) {
+            // A hold-off set by the last pass is spent inside this wait.
+            if (coalescing) pass_began = std::max(Clock::now(), m_held_off_until);
             GetEventWaiter().WaitAndHandleEvent(kWaitTimeoutMs, kEventsPerWait);
         } else {
+            if (coalescing) pass_began = Clock::now();
             BulkConsumeMsg(kMessagesPerBatch);
         }
         // The kernel wakes pollers of trace_pipe_raw only at the buffer's
         // watermark, so every CPU is drained on every pass, ready or not.
         for (Framework::Event& event : m_events) event.HandleEvent(static_cast<unsigned int>(-1));
+        // With a low watermark every record would wake the task for a page
+        // holding little more than that record. After a pass that read
+        // records the next wait starts a window after this one did, so a
+        // storm is read in full pages; a record after a quiet spell is read at once.
+        if (coalescing && m_records_read != records_before) {
+            m_held_off_until = pass_began + std::chrono::milliseconds(m_wakeup.coalesce_ms);
+            GetEventWaiter().HoldOffUntil(m_held_off_until);
+        }
     }
     return 0;
 }
@@ -161,7 +195,9 @@ int FtraceTask::read_ftrace_event(int fd, unsigned int /*events*/, void* context
 }
 
 void FtraceTask::handle_ftrace_record(FtraceRecord& record, void* context) {
-    static_cast<FtraceTask*>(context)->send_ftrace_message(record);
+    auto* task = static_cast<FtraceTask*>(context);
+    ++task->m_records_read;
+    task->send_ftrace_message(record);
 }
 
 void FtraceTask::clear() {

@@ -3,6 +3,7 @@
 // CPU and the watch registry; its Run loop serves watch requests and delivers
 // every decoded record to the subscribed tasks.
 
+#include <chrono>
 #include <map>
 #include <memory>
 #include <set>
@@ -16,6 +17,7 @@
 #include "Framework/Task.h"
 #include "FtraceEventLayout.h"
 #include "FtracePerCPUReader.h"
+#include "FtraceWakeup.h"
 #include "ftrace.h"
 
 namespace Poco {
@@ -84,6 +86,8 @@ private:
     private:
         FtraceTask& m_task;
     };
+    // Reads the host's wake-up settings and writes the instance's watermark.
+    void ApplyWakeupSettings();
     EventRoute& route(const FtraceEvent& event);
     void watches_changed() { ++m_watch_generation; }
 
@@ -99,6 +103,9 @@ private:
     uint64_t m_watch_generation = 1;     // bumped on every change of m_watches
     int m_delivering = 0;                // nesting depth of send_ftrace_message
     std::vector<std::unique_ptr<const std::vector<std::string>>> m_retired_subscribers;
+    FtraceWakeup m_wakeup;        // as configured when Init ran
+    uint64_t m_records_read = 0;  // every record handed to send_ftrace_message
+    std::chrono::steady_clock::time_point m_held_off_until{};  // of the next wait, when set
     // The application last cast to the engine, its dynamic type, and the result.
     const Poco::Util::Application* m_application = nullptr;
     const std::type_info* m_application_type = nullptr;

@@ -183,6 +183,18 @@ void Ftrace::append_file(const std::string& path, const std::string& text) {
     ::close(fd);
 }
 
+bool Ftrace::write_file(const std::string& path, const std::string& text) {
+    const int fd = ::open(path.c_str(), O_WRONLY | O_TRUNC);
+    if (fd < 0) {
+        FTRACE_LOG(3, "Ftrace::write open file {%s} err", path);
+        return false;
+    }
+    const bool written = ::write(fd, text.data(), text.size()) == static_cast<ssize_t>(text.size());
+    if (!written) FTRACE_LOG(3, "Ftrace::write write file {%s} err", path);
+    ::close(fd);
+    return written;
+}
+
 void Ftrace::add(const FtraceEvent& event) {
     // Appending to set_event enables this one event and leaves the others alone.
     std::stringstream line;

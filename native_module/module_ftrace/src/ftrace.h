@@ -189,6 +189,8 @@ public:
 
     // Control files of the instance.
     void append_file(const std::string& path, const std::string& text);
+    // Replaces a setting: false (and an error line) when it cannot be written.
+    bool write_file(const std::string& path, const std::string& text);
     void add(const FtraceEvent& event);
     void remove(const FtraceEvent& event);
     void event_filter_add_pid(const int& pid);

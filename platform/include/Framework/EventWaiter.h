@@ -1,4 +1,5 @@
 #pragma once
+#include <chrono>
 #include <vector>
 
 struct epoll_event;
@@ -28,6 +29,13 @@ public:
 
     bool IsValid() const { return m_epoll_fd >= 0; }
 
+    // The next WaitAndHandleEvent runs its before-wait hook, then sleeps until
+    // `when` (no longer than its time-out, which the sleep counts against)
+    // before it looks at the descriptors: a task that wants its descriptors to
+    // fill up before it reads them again. Nothing is held off when the hook
+    // asks for a poll. Applies to one wait only.
+    void HoldOffUntil(std::chrono::steady_clock::time_point when) { m_hold_off_until = when; }
+
     // Called right before every wait; when it returns true the wait only
     // polls (time-out 0). A task uses it to arm its wake-up only when it is
     // about to sleep, and to wake those it enqueued to meanwhile.
@@ -42,6 +50,7 @@ private:
     std::vector<epoll_event> m_ready;
     BeforeWait m_before_wait = nullptr;
     void* m_before_wait_context = nullptr;
+    std::chrono::steady_clock::time_point m_hold_off_until{};
 };
 
 }  // namespace Framework

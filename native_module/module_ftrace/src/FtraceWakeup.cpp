@@ -1,0 +1,59 @@
+#include "FtraceWakeup.h"
+
+#include <Poco/Util/AbstractConfiguration.h>
+
+#include <cerrno>
+#include <cstdlib>
+
+#include "FtraceLog.h"
+
+namespace Engine {
+namespace {
+
+// The value of `key` if it is a whole number in [min, max]; otherwise `unset`,
+// with an error line when the key is there but its value is not usable.
+int ReadSetting(const Poco::Util::AbstractConfiguration& config, const char* key, int min, int max, int unset) {
+    if (!config.has(key)) return unset;
+    const std::string text = config.getString(key);
+    char* end = nullptr;
+    errno = 0;
+    const long value = std::strtol(text.c_str(), &end, 10);
+    if (text.empty() || errno != 0 || *end != '\0' || value < min || value > max) {
+        FTRACE_LOG(Poco::Message::PRIO_ERROR, "Ignoring %s=%s: not a whole number from %d to %d", std::string(key),
+                   text, min, max);
+        return unset;
+    }
+    return static_cast<int>(value);
+}
+
+}  // namespace
+
+FtraceWakeup FtraceWakeup::FromConfiguration(const Poco::Util::AbstractConfiguration& config) {
+    FtraceWakeup wakeup;
+    wakeup.buffer_percent = ReadSetting(config, kBufferPercentKey, 0, 100, -1);
+    // Up to the task's bounded wait: longer would delay the stop check.
+    wakeup.coalesce_ms = ReadSetting(config, kCoalesceMsKey, 0, 1000, 0);
+    return wakeup;
+}
+
+FtraceWakeup FtraceWakeup::LowLatency() {
+    FtraceWakeup wakeup;
+    wakeup.buffer_percent = 0;
+    wakeup.coalesce_ms = 4;
+    return wakeup;
+}
+
+void FtraceWakeup::Store(Poco::Util::AbstractConfiguration& config) const {
+    if (buffer_percent >= 0) config.setInt(kBufferPercentKey, buffer_percent);
+    if (coalesce_ms > 0) config.setInt(kCoalesceMsKey, coalesce_ms);
+}
+
+std::string FtraceWakeup::Describe() const {
+    const std::string watermark =
+        buffer_percent < 0 ? "the instance's buffer_percent" : "buffer_percent " + std::to_string(buffer_percent);
+    return "readers wake at " + watermark + ", " +
+           (coalesce_ms > 0 ? "next wait held off " + std::to_string(coalesce_ms) + " ms after a pass that read records"
+                            : "no hold-off");
+}
+
+}  // namespace Engine

@@ -311,29 +311,39 @@ int FtraceAgent::CheckEnvironment(std::string* tracing_dir) {
     return 0;
 }
 
-void FtraceAgent::WarnIfNotLinkedCopy(const std::string& module_path) const {
+std::string FtraceAgent::LinkedCopyOf(const std::string& module_path, std::string* other_copy) const {
     Dl_info info{};
     struct stat linked {};
-    struct stat loaded {};
-    if (dladdr(reinterpret_cast<void*>(&CreateModule), &info) == 0 || info.dli_fname == nullptr) return;
-    if (stat(info.dli_fname, &linked) != 0 || stat(module_path.c_str(), &loaded) != 0) return;
-    if (linked.st_dev != loaded.st_dev || linked.st_ino != loaded.st_ino) {
-        // The dynamic linker binds the module's symbols to the copy mapped first.
-        Log(Poco::Message::PRIO_WARNING,
-            module_path + " is not the copy this agent was linked with (" + info.dli_fname + "); that one runs",
-            __LINE__);
+    struct stat given {};
+    if (dladdr(reinterpret_cast<void*>(&CreateModule), &info) == 0 || info.dli_fname == nullptr) return module_path;
+    if (stat(info.dli_fname, &linked) != 0 || stat(module_path.c_str(), &given) != 0) return module_path;
+    if (linked.st_dev == given.st_dev && linked.st_ino == given.st_ino) return module_path;
+    // Two copies of one library in a process: the dynamic linker binds the
+    // second one's symbols to the first, whose globals would then be set up
+    // twice. An identical copy is therefore not loaded; the linked file is.
+    if (linked.st_size == given.st_size) {
+        std::ifstream a(info.dli_fname, std::ios::binary), b(module_path, std::ios::binary);
+        if (std::equal(std::istreambuf_iterator<char>(a), std::istreambuf_iterator<char>(),
+                       std::istreambuf_iterator<char>(b))) {
+            Log(Poco::Message::PRIO_INFORMATION,
+                module_path + " is a copy of " + info.dli_fname + ", which this agent is linked with: that one is loaded",
+                __LINE__);
+            return info.dli_fname;
+        }
     }
+    *other_copy = info.dli_fname;
+    return module_path;
 }
 
 int FtraceAgent::LoadModules(const std::string& module_dir) {
-    const std::string ftrace_path = module_dir + "/" + kModuleFileName;
-    std::string error = RegularFile::Problem(ftrace_path);
+    const std::string given_path = module_dir + "/" + kModuleFileName;
+    std::string error = RegularFile::Problem(given_path);
     // Read by the module when its task starts; batch leaves the keys unset.
     const ::Engine::FtraceWakeup wakeup =
         m_options.latency == Latency::Low ? ::Engine::FtraceWakeup::LowLatency() : ::Engine::FtraceWakeup();
     wakeup.Store(config());
     if (!error.empty()) {
-        return Fail("cannot load module " + ftrace_path + ": " + error + "; point --module-dir at the directory " +
+        return Fail("cannot load module " + given_path + ": " + error + "; point --module-dir at the directory " +
                     "holding " + kModuleFileName);
     }
     // Every file is checked before any module is loaded: nothing is set up
@@ -350,6 +360,8 @@ int FtraceAgent::LoadModules(const std::string& module_dir) {
                         "; fix it or remove it from the module directory");
         }
     }
+    std::string linked;  // set when the module directory holds another build of the module
+    const std::string ftrace_path = LinkedCopyOf(given_path, &linked);
     if (void* probe = dlopen(ftrace_path.c_str(), RTLD_NOW | RTLD_LOCAL)) {
         dlclose(probe);
     } else {
@@ -359,7 +371,10 @@ int FtraceAgent::LoadModules(const std::string& module_dir) {
     }
     WarnIfOthersCanWrite(module_dir);
     WarnIfOthersCanWrite(ftrace_path);
-    WarnIfNotLinkedCopy(ftrace_path);
+    if (!linked.empty()) {
+        Log(Poco::Message::PRIO_WARNING,
+            ftrace_path + " is not the copy this agent was linked with (" + linked + "); that one runs", __LINE__);
+    }
     if (LoadModule(ftrace_path, &error) != 0) {
         // It loaded above, so what failed is the module's Init: its tracing instance.
         Log(Poco::Message::PRIO_DEBUG, ftrace_path + ": " + error, __LINE__);

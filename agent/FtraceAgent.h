@@ -53,7 +53,10 @@ private:
     // 0, or the exit status to return.
     int CheckEnvironment(std::string* tracing_dir);
     int LoadModules(const std::string& module_dir);
-    void WarnIfNotLinkedCopy(const std::string& module_path) const;
+    // The file to load for the module at `module_path`: the one this agent is
+    // linked with when module_path is an identical copy of it. `other_copy`
+    // gets the linked file's name when module_path is a different build.
+    std::string LinkedCopyOf(const std::string& module_path, std::string* other_copy) const;
     // 0, or the exit status to return.
     int RemoveLeftoverInstance(const std::string& tracing_dir) const;
     bool Daemonize(std::string* error);

@@ -11,8 +11,6 @@
 #include <cstring>
 #include <filesystem>
 #include <fstream>
-#include <iterator>
-#include <thread>
 
 extern char** environ;
 
@@ -38,11 +36,6 @@ void TracefsTest::TearDown() {
     RemoveZev();
 }
 
-std::string TracefsTest::Read(const std::string& path) {
-    std::ifstream in(path);
-    return std::string(std::istreambuf_iterator<char>(in), std::istreambuf_iterator<char>());
-}
-
 std::set<std::string> TracefsTest::Instances() {
     std::set<std::string> names;
     std::error_code error;
@@ -60,15 +53,6 @@ bool TracefsTest::RemoveZev() {
 
 std::string TracefsTest::Enabled(const std::string& sched_event) {
     return Read(kZev + "/events/sched/" + sched_event + "/enable").substr(0, 1);
-}
-
-bool TracefsTest::WaitFor(const std::function<bool()>& done, int seconds) {
-    const auto deadline = std::chrono::steady_clock::now() + std::chrono::seconds(seconds);
-    while (!done()) {
-        if (std::chrono::steady_clock::now() > deadline) return false;
-        std::this_thread::sleep_for(std::chrono::milliseconds(20));
-    }
-    return true;
 }
 
 uint64_t TracefsTest::ZevLost() {

@@ -7,12 +7,14 @@
 #include <gtest/gtest.h>
 
 #include <cstdint>
-#include <functional>
 #include <set>
 #include <string>
 
 #include "AgentProcess.h"
 #include "PrintedEvents.h"
+#include "TestSupport.h"
+
+using test_support::WaitFor;
 
 class TracefsTest : public ::testing::Test {
 protected:
@@ -22,7 +24,7 @@ protected:
     void SetUp() override;
     void TearDown() override;
 
-    static std::string Read(const std::string& path);
+    static std::string Read(const std::string& path) { return test_support::ReadAll(path); }
     static std::set<std::string> Instances();
     static bool ZevExists() { return Instances().count("ZEV") != 0; }
     // Events off first, so that nothing keeps tracing should rmdir fail
@@ -30,7 +32,6 @@ protected:
     static bool RemoveZev();
     // "1" or "0" of ZEV's events/sched/<event>/enable, "" when unreadable.
     static std::string Enabled(const std::string& sched_event);
-    static bool WaitFor(const std::function<bool()>& done, int seconds);
     // Events the kernel could not keep in ZEV's buffers: "overrun", "commit
     // overrun" and "dropped events" summed over per_cpu/cpuN/stats.
     static uint64_t ZevLost();

@@ -3,15 +3,13 @@
 // the registry holds afterwards.
 #include <gtest/gtest.h>
 
-#include <filesystem>
-
 #include "FtraceTask.h"
 #include "TaskTestSupport.h"
+#include "TracefsTest.h"
 
-using tasktest::EnableState;
+using WatchRegistryTest = TracefsTest;
 
-TEST(WatchRegistryTest, EnableOnEveryNewSubscriberDisableOnLast) {
-    const bool existed = std::filesystem::exists(tasktest::kInstanceDir);
+TEST_F(WatchRegistryTest, EnableOnEveryNewSubscriberDisableOnLast) {
     auto log = tasktest::CaptureFtraceLog(Poco::Message::PRIO_INFORMATION);
     tasktest::PlainTask a("A"), b("B");
     const std::string sys = "sched", event = "sched_process_fork", known = "sched:sched_process_fork";
@@ -49,7 +47,7 @@ TEST(WatchRegistryTest, EnableOnEveryNewSubscriberDisableOnLast) {
             EXPECT_EQ(s.remove ? task.RemoveWatch(s.who, s.system, s.event) : task.AddWatch(s.who, s.system, s.event),
                       s.result);
             EXPECT_EQ(log->lines(true), s.lines);
-            EXPECT_EQ(EnableState(sys, event), s.enable);
+            EXPECT_EQ(Enabled(event), s.enable);
             EXPECT_EQ(task.watches().at({s.system, s.event}), s.subscribers);
         }
 
@@ -60,10 +58,10 @@ TEST(WatchRegistryTest, EnableOnEveryNewSubscriberDisableOnLast) {
 
         // clear() switches off every key, emptied ones included, and empties the registry.
         EXPECT_EQ(task.AddWatch(&b, sys, event), 0);
-        EXPECT_EQ(EnableState(sys, event), "1");
+        EXPECT_EQ(Enabled(event), "1");
         task.clear();
         EXPECT_TRUE(task.watches().empty());
-        EXPECT_EQ(EnableState(sys, event), "0");
+        EXPECT_EQ(Enabled(event), "0");
     }
-    EXPECT_EQ(std::filesystem::exists(tasktest::kInstanceDir), existed);
+    EXPECT_FALSE(ZevExists());
 }

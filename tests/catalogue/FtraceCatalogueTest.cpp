@@ -1,7 +1,8 @@
 // Against a temporary tracing directory holding the committed formats, so that
 // every byte written can be read back: the instance, the lazy format
 // catalogue, the control-file writes with their log lines and standard-error
-// texts, and the record views, checked against libtraceevent's own readers.
+// texts, and the record views and message layout, checked against
+// libtraceevent's own readers.
 
 #include <event-parse.h>
 #include <gtest/gtest.h>
@@ -12,32 +13,48 @@
 #include <csignal>
 #include <cstring>
 
-#include "CatalogueTestSupport.h"
+#include <Poco/Logger.h>
+
+#include "FtraceEventLayout.h"
+#include "FtraceMessage.h"
+#include "TestSupport.h"
 #include "TraceFS.h"
 #include "ftrace.h"
 
-using namespace catalogue_test;
+using namespace test_support;
 using Lines = std::vector<std::string>;
 
+namespace {
+
+// The lines the "ftrace" logger writes from now on.
+Poco::AutoPtr<CapturingChannel> CaptureLog() {
+    Poco::AutoPtr<CapturingChannel> channel(new CapturingChannel);
+    Poco::Logger::get("ftrace").setChannel(channel);
+    return channel;
+}
+
+}  // namespace
+
 TEST(TraceFSTest, EmptyNameAdoptsTheTopInstanceAndABadNameIsInvalid) {
-    TempTracingDir tracing("x");
+    TempTracingDir tracing;
     {
         TraceFS top("");  // reaches libtracefs as null, never as the instances directory
         EXPECT_TRUE(top.IsValid() && !top.IsCreated());
         EXPECT_EQ(top.dir(), tracing.root);
     }
-    EXPECT_TRUE(fs::is_directory(tracing.dir));
+    EXPECT_TRUE(fs::is_directory(tracing.root));
     EXPECT_FALSE(TraceFS("no/such").IsValid());
 }
 
 TEST(FtraceCatalogueTest, LoadsFormatsLazilyAndReportsBadOnesOnStandardError) {
     TempTracingDir tracing("catalogue");
-    WriteAll(tracing.dir + "/events/bad/garbage/format", "this is not a format\n");
+    const std::string dir = tracing.Instance("catalogue");
+    WriteAll(dir + "/events/bad/garbage/format", "this is not a format\n");
     // No own fields, and a NUL byte after which nothing is read.
-    const std::string exec = ReadAll(tracing.dir + "/events/sched/sched_process_exec/format");
+    const std::string exec = ReadAll(dir + "/events/sched/sched_process_exec/format");
     std::string bare = exec.substr(0, exec.find("\n\n") + 2) + "print fmt: \"x\"\n";
     bare.replace(bare.find("sched_process_exec"), 18, "bare");
-    WriteAll(tracing.dir + "/events/sched/bare/format", bare + std::string(1, '\0') + "name: other\nID: 1\n");
+    WriteAll(dir + "/events/sched/bare/format", bare + std::string(1, '\0') + "name: other\nID: 1\n");
     Ftrace ftrace("catalogue");
 
     struct Row {
@@ -63,7 +80,7 @@ TEST(FtraceCatalogueTest, LoadsFormatsLazilyAndReportsBadOnesOnStandardError) {
 
     // Loaded events are answered from the catalogue, by name or by id, without the file.
     const FtraceEvent sw = ftrace.get_event("sched", "sched_switch");
-    fs::remove(tracing.dir + "/events/sched/sched_switch/format");
+    fs::remove(dir + "/events/sched/sched_switch/format");
     EXPECT_EQ(ftrace.get_event("sched", "sched_switch").get(), sw.get());
     EXPECT_EQ(ftrace.get_event(sw.id()).get(), sw.get());
     EXPECT_EQ(ftrace.events_count(), 2);
@@ -85,7 +102,8 @@ TEST(FtraceCatalogueTest, LoadsFormatsLazilyAndReportsBadOnesOnStandardError) {
 
 TEST(FtraceControlTest, WritesControlFilesExactlyAndLogsFailures) {
     TempTracingDir tracing("control");
-    const std::string events = tracing.dir + "/events/", pid_file = tracing.dir + "/set_event_pid";
+    const std::string dir = tracing.Instance("control");
+    const std::string events = dir + "/events/", pid_file = dir + "/set_event_pid";
     fs::remove(events + "irq/irq_handler_entry/enable");
     fs::remove(events + "timer/hrtimer_start/enable");
     fs::create_symlink("/dev/full", events + "timer/hrtimer_start/enable");
@@ -95,10 +113,10 @@ TEST(FtraceControlTest, WritesControlFilesExactlyAndLogsFailures) {
     const FtraceEvent timer = ftrace.get_event("timer", "hrtimer_start");
     ASSERT_TRUE(sw && irq && timer);
 
-    auto log = LogCapture::Start();
+    auto log = CaptureLog();
     ftrace.add(sw);
     ftrace.add(sw);  // appended, never truncated: other events stay enabled
-    EXPECT_EQ(ReadAll(tracing.dir + "/set_event"), "sched:sched_switch\nsched:sched_switch\n");
+    EXPECT_EQ(ReadAll(dir + "/set_event"), "sched:sched_switch\nsched:sched_switch\n");
     ftrace.remove(sw);
     EXPECT_EQ(ReadAll(events + "sched/sched_switch/enable"), "0");
     ftrace.event_filter_add_pid(42);
@@ -106,23 +124,24 @@ TEST(FtraceControlTest, WritesControlFilesExactlyAndLogsFailures) {
     EXPECT_EQ(ReadAll(pid_file), "42\n-7\n");
     ftrace.event_filter_clean_all();
     EXPECT_EQ(ReadAll(pid_file), "");
-    EXPECT_EQ(log->lines, Lines{});
+    EXPECT_EQ(log->lines(), Lines{});
 
     // Failures are logged, and no control file is ever made.
     ftrace.remove(irq);                              // no enable file
     ftrace.remove(timer);                            // the write fails
-    ftrace.append_file(tracing.dir + "/nope", "x");  // no such file
+    ftrace.append_file(dir + "/nope", "x");  // no such file
     ftrace.append_file("/dev/full", "x");
-    EXPECT_FALSE(fs::exists(events + "irq/irq_handler_entry/enable") || fs::exists(tracing.dir + "/nope"));
-    EXPECT_EQ(log->lines, (Lines{"3 Ftrace::remove open file {" + events + "irq/irq_handler_entry/enable} err",
+    EXPECT_FALSE(fs::exists(events + "irq/irq_handler_entry/enable") || fs::exists(dir + "/nope"));
+    EXPECT_EQ(log->lines(), (Lines{"3 Ftrace::remove open file {" + events + "irq/irq_handler_entry/enable} err",
                                  "3 Ftrace::remove write file {" + events + "timer/hrtimer_start/enable} err",
-                                 "3 Ftrace::append open file {" + tracing.dir + "/nope} err",
+                                 "3 Ftrace::append open file {" + dir + "/nope} err",
                                  "3 Ftrace::append write file {/dev/full} err"}));
 }
 
 TEST(FtraceControlTest, RemovingAPidRewritesTheKeptLines) {
     TempTracingDir tracing("pids");
-    const std::string pid_file = tracing.dir + "/set_event_pid";
+    const std::string dir = tracing.Instance("pids");
+    const std::string pid_file = dir + "/set_event_pid";
     Ftrace ftrace("pids");
     struct Row {
         std::string before;
@@ -132,14 +151,14 @@ TEST(FtraceControlTest, RemovingAPidRewritesTheKeptLines) {
         {"1\n2\n3\n", 2, "1\n3"}, {"5\n5\n6\n", 5, "6"}, {"5\n", 5, ""}, {"1\n\n2\n", 2, "1\n"},
         {" 7\n07\n7\n", 7, " 7\n07"}, {"1\n2\n", 9, "1\n2"}, {"", 3, ""}, {"8", 8, ""}, {"-4\n4\n", -4, "4"},
     };
-    auto log = LogCapture::Start();
+    auto log = CaptureLog();
     for (const Row& row : rows) {
         SCOPED_TRACE(row.before + " - " + std::to_string(row.pid));
         WriteAll(pid_file, row.before);
         ftrace.event_filter_rmv_pid(row.pid);
         EXPECT_EQ(ReadAll(pid_file), row.after);
     }
-    EXPECT_EQ(log->lines, Lines{});
+    EXPECT_EQ(log->lines(), Lines{});
 
     // The rewrite fails (file size limit): the list stays cleared, and the
     // text of remove()'s failed open is logged.
@@ -158,38 +177,35 @@ TEST(FtraceControlTest, RemovingAPidRewritesTheKeptLines) {
     // Without the file: the removal's own open text; cleaning makes nothing.
     fs::remove(pid_file);
     ftrace.event_filter_rmv_pid(2);
-    fs::remove_all(tracing.dir);
+    fs::remove_all(dir);
     ftrace.event_filter_clean_all();
-    EXPECT_FALSE(fs::exists(tracing.dir));
-    EXPECT_EQ(log->lines, (Lines{"3 Ftrace::remove open file {" + pid_file + "} err",
+    EXPECT_FALSE(fs::exists(dir));
+    EXPECT_EQ(log->lines(), (Lines{"3 Ftrace::remove open file {" + pid_file + "} err",
                                  "3 Ftrace::event_filter_rmv_pid open file {" + pid_file + "} err"}));
 }
 
 // Every committed format, a record filled with a pattern (and a valid location
-// word for each __data_loc field): every field decodes as libtraceevent reads
-// it, and reads as nothing once the record ends before the field's last byte.
+// word for each __data_loc field, its data past byte 255): every field decodes
+// as libtraceevent reads it, through the views and into the message, and reads
+// as nothing once the record ends before the field's last byte.
 TEST(FtraceViewsTest, DecodingMatchesLibtraceeventForEveryFixture) {
     TempTracingDir tracing("views");
     Ftrace ftrace("views");
-    int formats = 0;
-    for (const auto& entry : fs::recursive_directory_iterator(std::string(FTRACE_FIXTURES_ROOT) + "/events")) {
-        if (entry.path().filename() != "format") continue;
-        const std::string system = entry.path().parent_path().parent_path().filename();
-        const std::string name = entry.path().parent_path().filename();
+    for (const auto& [system, name] : TempTracingDir::Fixtures()) {
         SCOPED_TRACE(system + ":" + name);
         const FtraceEvent event = ftrace.get_event(system, name);
         ASSERT_TRUE(event);
-        ++formats;
+        const Engine::FtraceEventLayout layout(event);
 
-        size_t end = 0;
+        size_t end = 0, fields = 0;
         for (FtraceField field : FtraceEvent::FtraceEventFields(event))
             end = std::max(end, static_cast<size_t>(field.offset() + field.size()));
-        std::vector<unsigned char> data(end + 256);
+        std::vector<unsigned char> data(end + 512);
         // NUL bytes sprinkled in: strings are taken whole, never cut at a terminator.
         for (size_t i = 0; i < data.size(); ++i) data[i] = static_cast<unsigned char>(i % 7 == 3 ? 0 : i * 37 + 11);
         const uint16_t type = event.id();
         std::memcpy(data.data(), &type, 2);
-        uint32_t next = end, length = 7;
+        uint32_t next = end + 256, length = 7;
         for (FtraceField field : FtraceEvent::FtraceEventFields(event)) {
             if (!field.is_dynamic()) continue;
             const uint32_t location = (length << 16) | next;
@@ -199,34 +215,53 @@ TEST(FtraceViewsTest, DecodingMatchesLibtraceeventForEveryFixture) {
         tep_record record{};
         record.data = data.data();
         record.size = data.size();
+        record.ts = 0x123456789;
         const FtraceRecord decoded(event, &record);
         EXPECT_EQ(ftrace.get_event(ftrace.event_id(&record)).get(), event.get());
+        const auto message = layout.make_message(decoded);
+        EXPECT_EQ(message->name(), system + ":" + name);
+        EXPECT_EQ(message->get_number("timestamp"), record.ts);
 
         trace_seq seq;
         trace_seq_init(&seq);
         for (FtraceField field : FtraceEvent::FtraceEventFields(event)) {
             SCOPED_TRACE(field.name());
+            ++fields;
+            const auto view = [&] { return field.is_array() ? decoded.get_string(field) : std::to_string(decoded.get(field)); };
+            const auto entry = [&] {
+                const auto m = layout.make_message(decoded);
+                return field.is_array() ? m->get_string(field.name()) : std::to_string(m->get_number(field.name()));
+            };
+            std::string expected;
             if (field.is_array()) {
                 int size = 0;
                 const void* raw = tep_get_field_raw(&seq, event.get(), field.name().c_str(), &record, &size, 0);
                 ASSERT_NE(raw, nullptr);
-                EXPECT_EQ(decoded.get_string(field), std::string(static_cast<const char*>(raw), size));
+                expected.assign(static_cast<const char*>(raw), size);
             } else {
-                unsigned long long expected = 0;
-                if (tep_read_number_field(field.get(), data.data(), &expected) != 0) expected = 0;
-                EXPECT_EQ(decoded.get(field), expected);
+                unsigned long long number = 0;
+                if (tep_read_number_field(field.get(), data.data(), &number) != 0) number = 0;
+                expected = std::to_string(number);
             }
-            // One byte short of what the field needs (a string's data included): nothing is read.
+            EXPECT_EQ(view(), expected);
+            EXPECT_EQ(entry(), expected);
+            // The record ends right after what the field needs (a string's data
+            // included), then one byte short of it.
             uint32_t needed = field.offset() + field.size(), location = 0;
             if (field.is_dynamic()) {
                 std::memcpy(&location, &data[field.offset()], 4);
                 needed = (location & 0xffff) + (location >> 16);
             }
+            record.size = needed;
+            EXPECT_EQ(view(), expected);
             record.size = needed - 1;
-            EXPECT_EQ(field.is_array() ? decoded.get_string(field).size() : decoded.get(field), 0u);
+            const std::string nothing = field.is_array() ? "" : "0";
+            EXPECT_EQ(view(), nothing);
+            EXPECT_EQ(entry(), nothing);
             record.size = data.size();
         }
+        EXPECT_EQ(message->numbers().size() + message->strings().size(), fields + 1);
         trace_seq_destroy(&seq);
     }
-    EXPECT_GE(formats, 12);
+    EXPECT_GE(TempTracingDir::Fixtures().size(), 12u);
 }

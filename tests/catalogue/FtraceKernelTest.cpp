@@ -3,16 +3,17 @@
 // the PID filter as the kernel reports it. The top-level tracing directory is
 // never written.
 
+#include <Poco/Logger.h>
 #include <gtest/gtest.h>
 #include <unistd.h>
 
 #include <set>
 
-#include "CatalogueTestSupport.h"
+#include "TestSupport.h"
 #include "TraceFS.h"
 #include "ftrace.h"
 
-using namespace catalogue_test;
+using namespace test_support;
 using LineSet = std::set<std::string>;
 
 static LineSet ReadLines(const std::string& path) {
@@ -40,7 +41,8 @@ TEST(FtraceKernelTest, InstanceEventSwitchAndPidFilterRoundTrip) {
         const FtraceEvent exec = ftrace.get_event("sched", "sched_process_exec");
         ASSERT_TRUE(exec);
         const std::string enable = dir + "/events/sched/sched_process_exec/enable";
-        auto log = LogCapture::Start();
+        Poco::AutoPtr<CapturingChannel> log(new CapturingChannel);
+        Poco::Logger::get("ftrace").setChannel(log);
         ftrace.add(exec);
         ftrace.add(exec);  // a second line is a no-op for the kernel
         EXPECT_EQ(ReadAll(enable), "1\n");
@@ -60,7 +62,7 @@ TEST(FtraceKernelTest, InstanceEventSwitchAndPidFilterRoundTrip) {
         ftrace.event_filter_add_pid(1);
         ftrace.event_filter_clean_all();
         EXPECT_EQ(ReadAll(pid_file), "");
-        EXPECT_TRUE(log->lines.empty());  // the kernel took every write, the empty one included
+        EXPECT_TRUE(log->lines().empty());  // the kernel took every write, the empty one included
         ftrace.event_filter_add_pid(1);   // left set: the instance goes all the same
     }
     EXPECT_FALSE(fs::exists(dir));

@@ -20,7 +20,10 @@ namespace {
 
 using AgentTest = TracefsTest;
 
-TEST_F(AgentTest, ExecOfSpawnedTrueIsPrintedAsTextAndJsonAndSigintCleansUp) {
+// The text run is killed: SIGKILL leaves the instance behind with its events
+// on. The JSON run adopts it and traces; its clean stop (SIGINT) switches the
+// events off but leaves the instance, which it did not make.
+TEST_F(AgentTest, ExecIsPrintedAsTextAndJsonAndAKilledAgentsInstanceIsAdopted) {
     // The exec line of a pid is (^|\n) before + pid + after, with no line feed in between.
     const struct {
         const char* format;
@@ -32,19 +35,30 @@ TEST_F(AgentTest, ExecOfSpawnedTrueIsPrintedAsTextAndJsonAndSigintCleansUp) {
     };
     for (const auto& c : cases) {
         SCOPED_TRACE(c.format);
+        const bool adopting = c.format == std::string("json");
         // The default module directory: build/module, as <prefix>/module when installed.
         AgentProcess agent({std::string("--format=") + c.format});
         if (!WaitUntilTracing(agent, "sched_process_exec")) return;
-        const pid_t pid = SpawnTrue();
-        // Records reach the reader at the buffer watermark or after its bounded 1000 ms wait.
-        const std::regex exec_line(std::string("(^|\n)") + c.before + std::to_string(pid) + c.after);
-        EXPECT_TRUE(WaitFor([&] { return std::regex_search(agent.Stdout(), exec_line); }, 15))
+        pid_t pid = -1;
+        const auto printed = [&] {
+            const std::regex exec_line(std::string("(^|\n)") + c.before + std::to_string(pid) + c.after);
+            return std::regex_search(agent.Stdout(), exec_line);
+        };
+        // Records reach the reader at the buffer watermark or after its bounded
+        // 1000 ms wait. Adopted events are on before the agent subscribed: a
+        // first child may come too early.
+        EXPECT_TRUE(WaitFor([&] { return (pid = SpawnTrue()) > 0 && WaitFor(printed, 3); }, 20))
             << "no exec line for pid " << pid << " in:\n" << agent.Stdout();
-        agent.Signal(SIGINT);
-        EXPECT_EQ(agent.Wait(std::chrono::seconds(20)), 0) << agent.Stderr();
+        agent.Signal(adopting ? SIGINT : SIGKILL);
+        ASSERT_EQ(agent.Wait(std::chrono::seconds(20)), adopting ? 0 : 128 + SIGKILL) << agent.Stderr();
+        ASSERT_TRUE(ZevExists());
+        for (const char* event : {"sched_process_exec", "sched_process_fork", "sched_process_exit"})
+            EXPECT_EQ(Enabled(event), adopting ? "0" : "1") << event;
+        if (!adopting) continue;
+        EXPECT_NE(agent.Stderr().find("instance ZEV exists already"), std::string::npos) << agent.Stderr();
         EXPECT_NE(agent.Stderr().find("sched:sched_process_exec: "), std::string::npos) << agent.Stderr();
         EXPECT_NE(agent.Stderr().find("dropped events"), std::string::npos) << agent.Stderr();
-        if (c.format != std::string("json")) continue;
+        EXPECT_TRUE(RemoveZev());
         // Every line must parse with a stock JSON parser and give back the exact bytes.
         FILE* check = popen(("python3 -c 'import json, sys\n"
                              "sys.exit(0 if any([o[\"name\"] == \"sched:sched_process_exec\" and o[\"numbers\"][\"pid\"] == " +

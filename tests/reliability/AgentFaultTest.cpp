@@ -1,5 +1,5 @@
-// Faults around the agent process: killed with SIGKILL and started again, and
-// stopped by SIGTERM in the middle of a scheduler storm.
+// The agent stopped by SIGTERM in the middle of a scheduler storm. (Killed and
+// started again: tests/agent.)
 
 #include <signal.h>
 #include <sys/stat.h>
@@ -18,30 +18,6 @@ using AgentFaultTest = TracefsTest;
 
 const char* const kEvents[] = {"sched_switch", "sched_process_exec", "sched_process_exit"};
 const std::string kEventsOption = "--events=sched:sched_switch,sched:sched_process_exec,sched:sched_process_exit";
-
-// SIGKILL leaves the instance behind with its events on. The next start
-// adopts it and traces; its clean stop switches the events off but leaves
-// the instance, which it did not make.
-TEST_F(AgentFaultTest, KilledAgentLeavesInstanceThatTheNextStartAdopts) {
-    {
-        AgentProcess killed({kEventsOption});
-        if (!WaitUntilTracing(killed, "sched_process_exit")) return;
-        killed.Signal(SIGKILL);
-        ASSERT_EQ(killed.Wait(std::chrono::seconds(30)), 128 + SIGKILL);
-    }
-    ASSERT_TRUE(ZevExists());
-    for (const char* event : kEvents) EXPECT_EQ(Enabled(event), "1") << event;
-    PrintedEvents printed;
-    AgentProcess agent({kEventsOption, "--format=json"}, [&](const char* line, size_t length) { printed.Line(line, length); });
-    // The events are on already, so a child may come before the agent subscribed.
-    EXPECT_TRUE(TraceAChild(printed, 60)) << "no exec and exit of a child printed\n" << agent.Stderr();
-    agent.Signal(SIGTERM);
-    ASSERT_EQ(agent.Wait(std::chrono::seconds(30)), 0) << agent.Stderr();
-    EXPECT_NE(agent.Stderr().find("instance ZEV exists already"), std::string::npos) << agent.Stderr();
-    EXPECT_TRUE(ZevExists()) << "an adopted instance must be left in place";
-    for (const char* event : kEvents) EXPECT_EQ(Enabled(event), "0") << event;
-    EXPECT_TRUE(RemoveZev());
-}
 
 // The stop is noticed after at most one 1000 ms wait and one drain of every
 // CPU, also while the scheduler floods the buffers. Every event is off

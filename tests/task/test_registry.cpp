@@ -1,6 +1,7 @@
 // The watch registry against the real kernel: which request enables or
-// disables an event in the instance "ZEV", what it logs and returns, and what
-// the registry holds afterwards.
+// disables an event in the instance "ZEV" (made, then removed, by the task),
+// what it logs and returns, and what the registry holds afterwards; and the
+// pid filter as the kernel takes it.
 #include <gtest/gtest.h>
 
 #include "FtraceTask.h"
@@ -55,6 +56,19 @@ TEST_F(WatchRegistryTest, EnableOnEveryNewSubscriberDisableOnLast) {
         EXPECT_EQ(task.RemoveWatch(&b, "never", "existed"), 0);
         EXPECT_EQ(log->lines(true), std::vector<std::string>{"6 Task B was not registered to never:existed"});
         EXPECT_EQ(task.watches().count({"never", "existed"}), 0u);
+
+        // The pid filter as the kernel keeps it; the last removal writes nothing.
+        Ftrace& ftrace = task.ftrace();
+        const std::string pids = kZev + "/set_event_pid", self = std::to_string(getpid());
+        for (int pid : {1, static_cast<int>(getpid())}) ftrace.event_filter_add_pid(pid);
+        ftrace.event_filter_rmv_pid(1);
+        EXPECT_EQ(Read(pids), self + "\n");
+        ftrace.event_filter_rmv_pid(getpid());
+        EXPECT_EQ(Read(pids), "");
+        ftrace.event_filter_add_pid(1);
+        ftrace.event_filter_clean_all();
+        EXPECT_EQ(Read(pids), "");
+        EXPECT_EQ(log->lines(true), std::vector<std::string>{});
 
         // clear() switches off every key, emptied ones included, and empties the registry.
         EXPECT_EQ(task.AddWatch(&b, sys, event), 0);

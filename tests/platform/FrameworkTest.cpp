@@ -1,7 +1,7 @@
 // Events, tasks and the engine with real module objects: ownership of event
-// callbacks and descriptors, message consumption with failing handlers, the
-// wake-up of a waiting task, module loading, tasks that talk by name, the
-// order of shutdown and failed modules. Stop requests by signal are left to
+// callbacks and descriptors, message consumption with failing handlers,
+// module loading, tasks that wake each other by name, the order of shutdown
+// and failed modules. Stop requests by signal are left to
 // the agent's tests, which stop a real agent with SIGINT and SIGTERM.
 #include <dlfcn.h>
 #include <fcntl.h>
@@ -11,9 +11,7 @@
 #include <unistd.h>
 
 #include <algorithm>
-#include <atomic>
 #include <chrono>
-#include <functional>
 #include <stdexcept>
 #include <thread>
 #include <vector>
@@ -23,6 +21,7 @@
 #include "Framework/EventCallback.h"
 #include "Framework/Module.h"
 #include "Framework/Task.h"
+#include "TestSupport.h"
 
 namespace {
 
@@ -37,20 +36,10 @@ bool IsLoaded(const char* path) {
     return handle != nullptr;
 }
 
-// Waits up to 10 s for `condition`.
-bool Eventually(const std::function<bool()>& condition) {
-    const auto deadline = std::chrono::steady_clock::now() + std::chrono::seconds(10);
-    while (!condition()) {
-        if (std::chrono::steady_clock::now() > deadline) return false;
-        std::this_thread::sleep_for(std::chrono::milliseconds(1));
-    }
-    return true;
-}
-
-bool JournalHas(const Framework::Engine& engine, const std::string& line) {
-    return Eventually([&] {
+bool JournalHas(const Framework::Engine& engine, const std::string& line, long times = 1) {
+    return test_support::WaitFor([&] {
         const auto journal = engine.Journal();
-        return std::find(journal.begin(), journal.end(), line) != journal.end();
+        return std::count(journal.begin(), journal.end(), line) >= times;
     });
 }
 
@@ -112,7 +101,6 @@ public:
     int Run() override {
         while (state() != TASK_CANCELLING) {
             if (MessageEmpty()) {
-                waits.fetch_add(1);
                 // No time-out: only a wake-up (a message, or the engine's stop) ends the wait.
                 GetEventWaiter().WaitAndHandleEvent(-1, 128);
             } else {
@@ -128,7 +116,6 @@ public:
     }
     int HandleMsg(const Framework::Message*) override { return ++after_handle; }
 
-    std::atomic<int> waits{0};
     int after_handle = 0;
     bool throw_at_end = false;
 };
@@ -154,30 +141,14 @@ TEST(Task, FailingOrThrowingHandlersDoNotStopTheConsumerAndAFullQueueRefuses) {
     for (const auto& m : sent) EXPECT_EQ(m.use_count(), 1);  // the task let go of every message
 }
 
-TEST(Task, EnqueueWakesATaskWaitingForEvents) {
-    LoopTask task("loop_task");
-    task.throw_at_end = true;  // runTask must not let it out of the thread
-    std::vector<int> handled;  // read after the join
-    std::thread thread([&] { task.runTask(); });
-    for (int round = 0; round < 3 && !HasFailure(); ++round) {  // a failure still joins the thread
-        EXPECT_TRUE(Eventually([&] { return task.waits.load() > round; }));  // asleep again
-        std::this_thread::sleep_for(std::chrono::milliseconds(50));  // let it reach epoll_wait
-        const auto sent_at = std::chrono::steady_clock::now();
-        std::shared_ptr<Framework::Message> m = std::make_shared<ScriptedMessage>(Behaviour::Ok, round, &handled);
-        EXPECT_EQ(task.EnqueueMsg(m), 1);
-        EXPECT_TRUE(Eventually([&] { return task.MessageEmpty(); }));
-        EXPECT_LT(std::chrono::steady_clock::now() - sent_at, std::chrono::milliseconds(500)) << "round " << round;
-    }
-    task.cancel();
-    task.Wakeup();
-    thread.join();
-    EXPECT_EQ(handled, (std::vector<int>{0, 1, 2}));
-}
-
 class ProbeModule : public Framework::Module {
 public:
     ProbeModule() : Module("probe_module") {}
-    int Init() override { return RegisterTask(new LoopTask("probe_task"), true); }
+    int Init() override {
+        auto* task = new LoopTask("probe_task");
+        task->throw_at_end = true;  // runTask must not let it out of the thread
+        return RegisterTask(task, true);
+    }
 };
 
 // lifecycle_task answers a message with a "hello" to probe_task. Both wait
@@ -190,16 +161,22 @@ TEST(Engine, RunsModuleTasksThatTalkByNameAndShutsDownInOrder) {
         ASSERT_EQ(engine.LoadModule(LIFECYCLE_MODULE_PATH, &error), 0) << error;
         ASSERT_EQ(engine.StartTasks(), 0);
         ASSERT_EQ(engine.AddModule(new ProbeModule), 0);  // start_now while running: starts at once
-        std::shared_ptr<Framework::Message> ping = std::make_shared<ScriptedMessage>(Behaviour::Ok, 0, nullptr);
-        ASSERT_EQ(engine.FindTask("lifecycle_task")->EnqueueMsg(ping), 1);
-        ASSERT_TRUE(JournalHas(engine, "probe_task handled hello"));
+        // Each round both tasks are asleep again: the ping from this thread
+        // wakes the one at once, the hello is owed until its sender waits.
+        for (int round = 1; round <= 3; ++round) {
+            std::shared_ptr<Framework::Message> ping = std::make_shared<ScriptedMessage>(Behaviour::Ok, 0, nullptr);
+            ASSERT_EQ(engine.FindTask("lifecycle_task")->EnqueueMsg(ping), 1);
+            ASSERT_TRUE(JournalHas(engine, "probe_task handled hello", round));
+            std::this_thread::sleep_for(std::chrono::milliseconds(20));
+        }
         engine.Shutdown();
         EXPECT_EQ(engine.FindTask("lifecycle_task"), nullptr);
         EXPECT_THAT(engine.Journal(),
                     ElementsAre("module lifecycle_module Init", "task lifecycle_task registered",
                                 "task lifecycle_task Init", "task lifecycle_task start", "module probe_module Init",
                                 "task probe_task registered", "task probe_task Init", "task probe_task start",
-                                "probe_task handled hello", "task lifecycle_task cancel", "task probe_task cancel",
+                                "probe_task handled hello", "probe_task handled hello", "probe_task handled hello",
+                                "task lifecycle_task cancel", "task probe_task cancel",
                                 "task lifecycle_task stopped", "task probe_task stopped", "task probe_task UnInit",
                                 "task lifecycle_task UnInit", "lifecycle_task: UnInit after Run",
                                 "module probe_module UnInit", "module lifecycle_module UnInit",

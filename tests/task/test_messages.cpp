@@ -1,14 +1,13 @@
-// The trace message's entries and text form, typed dispatch, and the watch
-// request's validation, all without a kernel.
+// The trace message's entries and text form, and its typed dispatch. (The
+// watch request: test_registry.cpp.)
 #include <gtest/gtest.h>
 
 #include <sstream>
 
-#include "FtraceWatchMessage.h"
+#include "FtraceMessage.h"
 #include "TaskTestSupport.h"
 
 using Engine::FtraceMessage;
-using Engine::FtraceWatchMessage;
 
 TEST(FtraceMessageTest, FirstValueWinsAndTextForm) {
     struct Case {
@@ -44,29 +43,4 @@ TEST(FtraceMessageTest, MessageHandleReachesOnlyReceivers) {
     receiver.InterceptMsg(base);
     EXPECT_EQ(base->MessageHandle(static_cast<Framework::Task*>(&receiver)), 0);
     EXPECT_EQ(receiver.Find([](const FtraceMessage&) { return true; }), message);
-}
-
-TEST(FtraceWatchMessageTest, RefusesIncompleteRequestsAndOtherConsumers) {
-    auto log = tasktest::CaptureFtraceLog(Poco::Message::PRIO_ERROR);
-    tasktest::PlainTask watcher("watcher"), not_ftrace("not_ftrace");
-    Framework::Task* other = &not_ftrace;
-    struct Case {
-        Framework::Task* watcher;
-        std::string system, event;
-        Framework::Task* consumer;
-        std::string error;
-    } cases[] = {
-        {nullptr, "", "", other, "3 m_watcher is null"},  // checked in this order
-        {&watcher, "", "", other, "3 m_system is empty"},
-        {&watcher, "sched", "", other, "3 m_event_name is empty"},
-        {&watcher, "sched", "sched_switch", other, "3 Task is not FtraceTask"},
-        {&watcher, "sched", "sched_switch", nullptr, "3 Task is not FtraceTask"},  // logged, never dereferenced
-    };
-    for (const Case& c : cases) {
-        for (bool remove : {false, true}) {
-            FtraceWatchMessage message(c.watcher, c.system, c.event, remove);
-            EXPECT_EQ(message.MessageHandle(c.consumer), 1);
-            EXPECT_EQ(log->lines(true), std::vector<std::string>{c.error}) << c.system << ":" << c.event;
-        }
-    }
 }

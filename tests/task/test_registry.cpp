@@ -1,10 +1,11 @@
-// The watch registry against the real kernel: which request enables or
-// disables an event in the instance "ZEV" (made, then removed, by the task),
-// what it logs and returns, and what the registry holds afterwards; and the
-// pid filter as the kernel takes it.
+// Watch requests against the real kernel: which request is refused, which
+// enables or disables an event in the instance "ZEV" (made, then removed, by
+// the task), what it logs and returns, and what the registry holds
+// afterwards; and the pid filter as the kernel takes it.
 #include <gtest/gtest.h>
 
 #include "FtraceTask.h"
+#include "FtraceWatchMessage.h"
 #include "TaskTestSupport.h"
 #include "TracefsTest.h"
 
@@ -12,6 +13,7 @@ using WatchRegistryTest = TracefsTest;
 
 TEST_F(WatchRegistryTest, EnableOnEveryNewSubscriberDisableOnLast) {
     auto log = tasktest::CaptureFtraceLog(Poco::Message::PRIO_INFORMATION);
+    const std::set<std::string> none;
     tasktest::PlainTask a("A"), b("B");
     const std::string sys = "sched", event = "sched_process_fork", known = "sched:sched_process_fork";
     {
@@ -28,6 +30,10 @@ TEST_F(WatchRegistryTest, EnableOnEveryNewSubscriberDisableOnLast) {
             std::set<std::string> subscribers;  // of the step's key afterwards
         };
         const std::vector<Step> steps = {
+            // Checked in this order, before anything else.
+            {nullptr, false, "", "", 1, {"3 m_watcher is null"}, "0", none},
+            {&a, true, "", "", 1, {"3 m_system is empty"}, "0", none},
+            {&a, false, sys, "", 1, {"3 m_event_name is empty"}, "0", none},
             {&a, false, sys, event, 0, {"6 Setting event: " + known}, "1", {"A"}},
             {&b, false, sys, event, 0, {"6 Setting event: " + known}, "1", {"A", "B"}},
             {&a, false, sys, event, 1, {"6 Task A already registered to " + known}, "1", {"A", "B"}},
@@ -45,12 +51,16 @@ TEST_F(WatchRegistryTest, EnableOnEveryNewSubscriberDisableOnLast) {
         for (size_t i = 0; i < steps.size(); ++i) {
             const Step& s = steps[i];
             SCOPED_TRACE("step " + std::to_string(i));
-            EXPECT_EQ(s.remove ? task.RemoveWatch(s.who, s.system, s.event) : task.AddWatch(s.who, s.system, s.event),
-                      s.result);
+            EXPECT_EQ(Engine::FtraceWatchMessage(s.who, s.system, s.event, s.remove).MessageHandle(&task), s.result);
             EXPECT_EQ(log->lines(true), s.lines);
             EXPECT_EQ(Enabled(event), s.enable);
-            EXPECT_EQ(task.watches().at({s.system, s.event}), s.subscribers);
+            const auto key = task.watches().find({s.system, s.event});
+            EXPECT_EQ(key == task.watches().end() ? none : key->second, s.subscribers);
         }
+        // Only the ftrace task takes them; a missing one is logged, never dereferenced.
+        for (Framework::Task* consumer : {static_cast<Framework::Task*>(&b), static_cast<Framework::Task*>(nullptr)})
+            EXPECT_EQ(Engine::FtraceWatchMessage(&b, sys, event, false).MessageHandle(consumer), 1);
+        EXPECT_EQ(log->lines(true), std::vector<std::string>(2, "3 Task is not FtraceTask"));
 
         // Unknown key: logged, not an error, and no entry appears.
         EXPECT_EQ(task.RemoveWatch(&b, "never", "existed"), 0);

@@ -4,6 +4,7 @@
 // texts, and the record views and message layout, checked against
 // libtraceevent's own readers.
 
+#include <Poco/Logger.h>
 #include <event-parse.h>
 #include <gtest/gtest.h>
 #include <sys/resource.h>
@@ -12,8 +13,6 @@
 #include <algorithm>
 #include <csignal>
 #include <cstring>
-
-#include <Poco/Logger.h>
 
 #include "FtraceEventLayout.h"
 #include "FtraceMessage.h"
@@ -102,17 +101,12 @@ TEST(FtraceCatalogueTest, LoadsFormatsLazilyAndReportsBadOnesOnStandardError) {
 
 TEST(FtraceControlTest, WritesControlFilesExactlyAndLogsFailures) {
     TempTracingDir tracing("control");
-    const std::string dir = tracing.Instance("control");
-    const std::string events = dir + "/events/", pid_file = dir + "/set_event_pid";
+    const std::string dir = tracing.Instance("control"), events = dir + "/events/", pids = dir + "/set_event_pid";
     fs::remove(events + "irq/irq_handler_entry/enable");
     fs::remove(events + "timer/hrtimer_start/enable");
     fs::create_symlink("/dev/full", events + "timer/hrtimer_start/enable");
     Ftrace ftrace("control");
     const FtraceEvent sw = ftrace.get_event("sched", "sched_switch");
-    const FtraceEvent irq = ftrace.get_event("irq", "irq_handler_entry");
-    const FtraceEvent timer = ftrace.get_event("timer", "hrtimer_start");
-    ASSERT_TRUE(sw && irq && timer);
-
     auto log = CaptureLog();
     ftrace.add(sw);
     ftrace.add(sw);  // appended, never truncated: other events stay enabled
@@ -121,29 +115,11 @@ TEST(FtraceControlTest, WritesControlFilesExactlyAndLogsFailures) {
     EXPECT_EQ(ReadAll(events + "sched/sched_switch/enable"), "0");
     ftrace.event_filter_add_pid(42);
     ftrace.event_filter_add_pid(-7);
-    EXPECT_EQ(ReadAll(pid_file), "42\n-7\n");
+    EXPECT_EQ(ReadAll(pids), "42\n-7\n");
     ftrace.event_filter_clean_all();
-    EXPECT_EQ(ReadAll(pid_file), "");
-    EXPECT_EQ(log->lines(), Lines{});
-
-    // Failures are logged, and no control file is ever made.
-    ftrace.remove(irq);                              // no enable file
-    ftrace.remove(timer);                            // the write fails
-    ftrace.append_file(dir + "/nope", "x");  // no such file
-    ftrace.append_file("/dev/full", "x");
-    EXPECT_FALSE(fs::exists(events + "irq/irq_handler_entry/enable") || fs::exists(dir + "/nope"));
-    EXPECT_EQ(log->lines(), (Lines{"3 Ftrace::remove open file {" + events + "irq/irq_handler_entry/enable} err",
-                                 "3 Ftrace::remove write file {" + events + "timer/hrtimer_start/enable} err",
-                                 "3 Ftrace::append open file {" + dir + "/nope} err",
-                                 "3 Ftrace::append write file {/dev/full} err"}));
-}
-
-TEST(FtraceControlTest, RemovingAPidRewritesTheKeptLines) {
-    TempTracingDir tracing("pids");
-    const std::string dir = tracing.Instance("pids");
-    const std::string pid_file = dir + "/set_event_pid";
-    Ftrace ftrace("pids");
-    struct Row {
+    EXPECT_EQ(ReadAll(pids), "");
+    // Removing a pid rewrites the kept lines.
+    const struct {
         std::string before;
         int pid;
         std::string after;
@@ -151,37 +127,43 @@ TEST(FtraceControlTest, RemovingAPidRewritesTheKeptLines) {
         {"1\n2\n3\n", 2, "1\n3"}, {"5\n5\n6\n", 5, "6"}, {"5\n", 5, ""}, {"1\n\n2\n", 2, "1\n"},
         {" 7\n07\n7\n", 7, " 7\n07"}, {"1\n2\n", 9, "1\n2"}, {"", 3, ""}, {"8", 8, ""}, {"-4\n4\n", -4, "4"},
     };
-    auto log = CaptureLog();
-    for (const Row& row : rows) {
-        SCOPED_TRACE(row.before + " - " + std::to_string(row.pid));
-        WriteAll(pid_file, row.before);
+    for (const auto& row : rows) {
+        WriteAll(pids, row.before);
         ftrace.event_filter_rmv_pid(row.pid);
-        EXPECT_EQ(ReadAll(pid_file), row.after);
+        EXPECT_EQ(ReadAll(pids), row.after) << row.before << " - " << row.pid;
     }
-    EXPECT_EQ(log->lines(), Lines{});
+    EXPECT_EQ(log->lines(true), Lines{});
 
     // The rewrite fails (file size limit): the list stays cleared, and the
     // text of remove()'s failed open is logged.
-    WriteAll(pid_file, "1\n2\n");
+    WriteAll(pids, "1\n2\n");
     rlimit previous{};
     getrlimit(RLIMIT_FSIZE, &previous);
     const auto previous_handler = std::signal(SIGXFSZ, SIG_IGN);
-    rlimit none = previous;
-    none.rlim_cur = 0;
-    setrlimit(RLIMIT_FSIZE, &none);
+    rlimit limited = previous;
+    limited.rlim_cur = 0;
+    setrlimit(RLIMIT_FSIZE, &limited);
     ftrace.event_filter_rmv_pid(2);
     setrlimit(RLIMIT_FSIZE, &previous);
     std::signal(SIGXFSZ, previous_handler);
-    EXPECT_EQ(ReadAll(pid_file), "");
+    EXPECT_EQ(ReadAll(pids), "");
 
-    // Without the file: the removal's own open text; cleaning makes nothing.
-    fs::remove(pid_file);
+    // Other failures are logged too, and no control file is ever made.
+    ftrace.remove(ftrace.get_event("irq", "irq_handler_entry"));  // no enable file
+    ftrace.remove(ftrace.get_event("timer", "hrtimer_start"));    // the write fails
+    ftrace.append_file(dir + "/nope", "x");
+    ftrace.append_file("/dev/full", "x");
+    fs::remove(pids);
     ftrace.event_filter_rmv_pid(2);
     fs::remove_all(dir);
     ftrace.event_filter_clean_all();
     EXPECT_FALSE(fs::exists(dir));
-    EXPECT_EQ(log->lines(), (Lines{"3 Ftrace::remove open file {" + pid_file + "} err",
-                                 "3 Ftrace::event_filter_rmv_pid open file {" + pid_file + "} err"}));
+    EXPECT_EQ(log->lines(), (Lines{"3 Ftrace::remove open file {" + pids + "} err",
+                                 "3 Ftrace::remove open file {" + events + "irq/irq_handler_entry/enable} err",
+                                 "3 Ftrace::remove write file {" + events + "timer/hrtimer_start/enable} err",
+                                 "3 Ftrace::append open file {" + dir + "/nope} err",
+                                 "3 Ftrace::append write file {/dev/full} err",
+                                 "3 Ftrace::event_filter_rmv_pid open file {" + pids + "} err"}));
 }
 
 // Every committed format, a record filled with a pattern (and a valid location

@@ -1,4 +1,5 @@
-// The module end to end in this process: an engine loads
+// The trace message's entries, text form and typed dispatch. The module end
+// to end in this process: an engine loads
 // libftrace_module.so by path and subscriber tasks ask for
 // sched:sched_process_exec. Spawned children must reach every steady
 // subscriber as one shared message, also while a stopped and a deaf
@@ -11,6 +12,7 @@
 #include <algorithm>
 #include <cstdio>
 #include <iostream>
+#include <sstream>
 
 #include "Framework/Engine.h"
 #include "Framework/Module.h"
@@ -18,6 +20,7 @@
 #include "TaskTestSupport.h"
 #include "TracefsTest.h"
 
+using Engine::FtraceMessage;
 using tasktest::Subscriber;
 
 namespace {
@@ -56,6 +59,42 @@ std::function<bool(const Engine::FtraceMessage&)> Of(const std::string& event, p
 }
 
 }  // namespace
+
+TEST(FtraceMessageTest, FirstValueWinsAndTextForm) {
+    struct Case {
+        std::vector<std::pair<std::string, unsigned long>> numbers;
+        std::vector<std::pair<std::string, std::string>> strings;
+        std::string text;  // numbers before strings, keys sorted
+    } cases[] = {
+        {{}, {}, "sched:sched_switch "},
+        {{{"timestamp", 5}, {"prev_pid", 7}}, {{"prev_comm", "bash"}},
+         "sched:sched_switch prev_pid: 7, timestamp: 5, prev_comm: bash, "},
+        {{{"k", 1}, {"k", 2}}, {{"s", "first"}, {"s", "second"}}, "sched:sched_switch k: 1, s: first, "},
+        {{{"k", 3}, {"", 0}}, {{"k", "text"}}, "sched:sched_switch : 0, k: 3, k: text, "},
+    };
+    for (const Case& c : cases) {
+        FtraceMessage message("sched:sched_switch");
+        for (const auto& [key, value] : c.numbers) message.add(key, value);
+        for (const auto& [key, value] : c.strings) message.add(key, value);
+        std::ostringstream text;
+        text << message;
+        EXPECT_EQ(text.str(), c.text);
+        EXPECT_EQ(message.get_number("missing"), 0UL);
+        EXPECT_EQ(message.get_string("missing"), "");
+    }
+}
+
+TEST(FtraceMessageTest, MessageHandleReachesOnlyReceivers) {
+    tasktest::Subscriber receiver("receiver");
+    tasktest::PlainTask plain("plain");
+    auto message = std::make_shared<FtraceMessage>("sched:sched_switch");
+    std::shared_ptr<Framework::Message> base = message;
+    EXPECT_EQ(base->MessageHandle(nullptr), -1);
+    EXPECT_EQ(base->MessageHandle(static_cast<Framework::Task*>(&plain)), -1);
+    receiver.InterceptMsg(base);
+    EXPECT_EQ(base->MessageHandle(static_cast<Framework::Task*>(&receiver)), 0);
+    EXPECT_EQ(receiver.Find([](const FtraceMessage&) { return true; }), message);
+}
 
 using FtraceModuleTest = TracefsTest;
 

@@ -115,6 +115,28 @@ TEST_F(FtracePerCPUReaderTest, ResultTellsPageNothingToReadOrError) {
     EXPECT_EQ("sched:sched_switch cpu 2 ts 43 offset 16 missed 0 size 68/64", Describe(seen[0]));
 }
 
+// Corrupt lengths: a record that claims more than the page holds is cut at
+// the page's end; one whose length would read it again ends the page.
+TEST_F(FtracePerCPUReaderTest, CorruptLengthsAreCutOrEndThePage) {
+    // The length word counts itself: 4084 claims 4080 bytes where 4072 are left.
+    for (const uint32_t length : {4084u, 0xFFFFFFFCu}) {
+        RingBufferPage page(0);
+        page.word(1 << 5);  // type_len 0: a length word follows
+        page.word(length);
+        const auto payload = Payload(64, switch_id);
+        page.records.insert(page.records.end(), payload.begin(), payload.end());
+        FtracePerCPUReader reader(*ftrace, Pipe(page.bytes(page_size)), 0);
+        std::vector<Seen> seen;
+        const auto bounded = [](FtraceRecord& record, void* context) {
+            if (static_cast<std::vector<Seen>*>(context)->size() >= 8) throw std::runtime_error("the walk does not end");
+            Collect(record, context);
+        };
+        EXPECT_EQ(2, reader.read_once(*ftrace, bounded, &seen));
+        ASSERT_EQ(1u, seen.size()) << length;
+        EXPECT_EQ(static_cast<int>(page_size) - 24, seen[0].raw.size) << length;
+    }
+}
+
 uint64_t ThreadCpuNanos() {
     timespec ts{};
     clock_gettime(CLOCK_THREAD_CPUTIME_ID, &ts);

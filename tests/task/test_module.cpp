@@ -186,6 +186,7 @@ TEST_F(FtraceModuleTest, DeliversOneSharedMessageToEverySubscriber) {
     ASSERT_TRUE(enabled(kExec, "1"));
     const pid_t after = SpawnTrue();
     EXPECT_TRUE(WaitFor([&] { return a->Find(Of(kExec, after)) != nullptr; }, 15)) << "not back after resubscribing";
+    EXPECT_FALSE(WaitFor([&] { return b->Find(Of(kExec, after)) != nullptr; }, 1)) << "delivered to one that left";
     engine.reset();  // shuts the tasks down: the instance it made is gone (TearDown checks)
 }
 

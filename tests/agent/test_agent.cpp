@@ -1,20 +1,9 @@
 // ftrace-agent run as a user runs it: a child process on the real kernel,
 // also stopped in the middle of a scheduler storm.
 
-#include <fcntl.h>
-#include <signal.h>
-#include <sys/file.h>
-#include <sys/stat.h>
-#include <sys/wait.h>
-#include <unistd.h>
-
-#include <algorithm>
 #include <cstdio>
-#include <fstream>
 #include <iostream>
 #include <regex>
-#include <string>
-#include <vector>
 
 #include "SchedulerStorm.h"
 #include "TracefsTest.h"

@@ -10,7 +10,6 @@
 #include <sys/resource.h>
 #include <trace-seq.h>
 
-#include <algorithm>
 #include <csignal>
 #include <cstring>
 

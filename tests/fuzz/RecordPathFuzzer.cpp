@@ -16,12 +16,8 @@
 #include <fcntl.h>
 #include <unistd.h>
 
-#include <cstdint>
-#include <cstring>
 #include <iostream>
 #include <memory>
-#include <string>
-#include <vector>
 
 #include "FileDescriptor.h"
 #include "FtraceMessage.h"

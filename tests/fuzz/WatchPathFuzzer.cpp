@@ -12,21 +12,13 @@
 // way; requests whose path would climb out of the private directory are
 // skipped so that the run stays hermetic.
 
-#include <Poco/AutoPtr.h>
-#include <Poco/Logger.h>
 #include <Poco/NullChannel.h>
 
-#include <filesystem>
-#include <fstream>
 #include <iostream>
 #include <iterator>
 #include <map>
-#include <memory>
 #include <optional>
 #include <set>
-#include <sstream>
-#include <string>
-#include <utility>
 
 #include "FtraceTask.h"
 #include "FtraceWatchMessage.h"

@@ -10,11 +10,7 @@
 #include <sys/eventfd.h>
 #include <unistd.h>
 
-#include <algorithm>
-#include <chrono>
 #include <stdexcept>
-#include <thread>
-#include <vector>
 
 #include "Framework/Engine.h"
 #include "Framework/Event.h"

@@ -3,11 +3,7 @@
 // reader applies it.
 #include <Poco/AutoPtr.h>
 #include <Poco/Logger.h>
-#include <Poco/Message.h>
 #include <gtest/gtest.h>
-
-#include <string>
-#include <vector>
 
 #include "SDK/FileUtils.h"
 #include "SDK/LoggerUtils.h"
@@ -41,8 +37,7 @@ TEST(FileUtils, ReadsWholePseudoFilesWithinTheCap) {
     EXPECT_NE(out.find('\n'), std::string::npos);
     EXPECT_EQ(SDK::FileUtils::ReadFile(online, out, 1), -2);
     EXPECT_EQ(out, "");
-    EXPECT_EQ(SDK::FileUtils::ReadFile("/tmp", out, 100), -1);  // a directory cannot be read
-    EXPECT_EQ(SDK::FileUtils::ReadFile("/nonexistent", out, 100), -1);
+    for (const char* unreadable : {"/tmp", "/nonexistent"}) EXPECT_EQ(SDK::FileUtils::ReadFile(unreadable, out, 100), -1);
 }
 
 }  // namespace

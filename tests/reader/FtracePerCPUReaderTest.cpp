@@ -5,10 +5,7 @@
 #include <gtest/gtest.h>
 #include <unistd.h>
 
-#include <chrono>
 #include <memory>
-#include <sstream>
-#include <thread>
 
 #include "FtracePerCPUReader.h"
 #include "RingBufferPage.h"

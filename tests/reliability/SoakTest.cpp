@@ -9,16 +9,7 @@
 // for ten minutes); FTRACE_SOAK_SPAWN_RATE, FTRACE_SOAK_STORM_LOOPS and
 // FTRACE_SOAK_STORM_PAUSE_MS shape the load.
 
-#include <signal.h>
-
-#include <algorithm>
-#include <chrono>
-#include <cstdlib>
-#include <fstream>
 #include <iostream>
-#include <string>
-#include <thread>
-#include <vector>
 
 #include "SchedulerStorm.h"
 #include "TracefsTest.h"

@@ -4,16 +4,9 @@
 // an ftrace-agent owns ZEV. Afterwards the instances and the top-level
 // set_event must be as they were; a ZEV left behind is reported, then removed.
 
-#include <fcntl.h>
 #include <gtest/gtest.h>
 #include <spawn.h>
 #include <sys/file.h>
-#include <sys/wait.h>
-#include <unistd.h>
-
-#include <cstdint>
-#include <set>
-#include <string>
 
 #include "AgentProcess.h"
 #include "InstanceLossReader.h"

@@ -4,13 +4,7 @@
 #include <Poco/AutoPtr.h>
 #include <Poco/Logger.h>
 
-#include <chrono>
-#include <functional>
 #include <memory>
-#include <mutex>
-#include <string>
-#include <thread>
-#include <vector>
 
 #include "Framework/Task.h"
 #include "FtraceMessage.h"

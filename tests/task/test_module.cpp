@@ -6,13 +6,9 @@
 // subscriber never take theirs and after the event was switched off behind
 // the module's back. Also the declining path and the library's dynamic
 // section, which the agent's loader relies on.
-#include <gtest/gtest.h>
-#include <unistd.h>
 
-#include <algorithm>
 #include <cstdio>
 #include <iostream>
-#include <sstream>
 
 #include "Framework/Engine.h"
 #include "Framework/Module.h"

@@ -2,7 +2,6 @@
 // enables or disables an event in the instance "ZEV" (made, then removed, by
 // the task), what it logs and returns, and what the registry holds
 // afterwards; and the pid filter as the kernel takes it.
-#include <gtest/gtest.h>
 
 #include "FtraceTask.h"
 #include "FtraceWatchMessage.h"

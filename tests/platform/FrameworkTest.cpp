@@ -15,6 +15,7 @@
 #include "Framework/Engine.h"
 #include "Framework/Event.h"
 #include "Framework/EventCallback.h"
+#include "Framework/EventWaiter.h"
 #include "Framework/Module.h"
 #include "Framework/Task.h"
 #include "TestSupport.h"
@@ -39,31 +40,45 @@ bool JournalHas(const Framework::Engine& engine, const std::string& line, long t
     });
 }
 
-// Counts its own destructions, to prove each event deletes its callback once.
+// Counts its own calls and destructions, to prove each event deletes its callback once.
 class CountedCallback : public Framework::AbstractEventCallback {
 public:
-    explicit CountedCallback(int* destroyed) : m_destroyed(destroyed) {}
+    CountedCallback(int* destroyed, int* invoked) : m_destroyed(destroyed), m_invoked(invoked) {}
     ~CountedCallback() override { ++*m_destroyed; }
-    int invoke(int, unsigned int, void*) const override { return 0; }
+    int invoke(int fd, unsigned int, void*) const override {
+        uint64_t count = 0;
+        ++*m_invoked;
+        return static_cast<int>(::read(fd, &count, sizeof count));
+    }
 
 private:
     int* m_destroyed;
+    int* m_invoked;
 };
 
-TEST(Event, OwnsCallbackAndDescriptorAcrossMoves) {
-    int destroyed = 0;
+TEST(Event, OwnsCallbackAndDescriptorAcrossMovesAndTheWaiterHandlesEachReadyOne) {
+    int destroyed = 0, invoked = 0;
     int fds[3];
     {
         std::vector<Framework::Event> events;
         events.reserve(1);  // the next emplace_back grows the vector: events are moved
         for (int& fd : fds) {
             fd = ::eventfd(0, EFD_CLOEXEC);
-            events.emplace_back(new CountedCallback(&destroyed), nullptr, fd);
+            events.emplace_back(new CountedCallback(&destroyed, &invoked), nullptr, fd);
         }
         Framework::Event moved(std::move(events[0]));
         events.erase(events.begin());  // destroys the moved-from shell and shifts the others
         EXPECT_TRUE(IsOpen(fds[0]));
         EXPECT_EQ(destroyed, 0);
+        Framework::EventWaiter waiter;
+        for (Framework::Event* event : {&moved, &events[0], &events[1]}) {
+            ASSERT_EQ(waiter.AddEvent(*event), 0);
+            const uint64_t one = 1;
+            ASSERT_EQ(::write(event->Fd(), &one, sizeof one), 8);
+        }
+        EXPECT_EQ(waiter.WaitAndHandleEvent(0, 8), 3);
+        EXPECT_EQ(invoked, 3);
+        EXPECT_EQ(waiter.WaitAndHandleEvent(0, 8), 0);  // each was read by its handler
     }
     EXPECT_EQ(destroyed, 3);
     for (int fd : fds) EXPECT_FALSE(IsOpen(fd));

@@ -1,11 +1,10 @@
 // The trace message's entries, text form and typed dispatch. The module end
-// to end in this process: an engine loads
-// libftrace_module.so by path and subscriber tasks ask for
-// sched:sched_process_exec. Spawned children must reach every steady
-// subscriber as one shared message, also while a stopped and a deaf
-// subscriber never take theirs and after the event was switched off behind
-// the module's back. Also the declining path and the library's dynamic
-// section, which the agent's loader relies on.
+// to end in this process: an engine loads libftrace_module.so by path and
+// subscriber tasks ask for sched:sched_process_exec. Spawned children must
+// reach every steady subscriber as one shared message, also while a stopped
+// and a deaf subscriber never take theirs and after the event was switched
+// off behind the module's back. Also the declining path and the library's
+// dynamic section, which the agent's loader relies on.
 
 #include <cstdio>
 #include <iostream>

@@ -232,6 +232,7 @@ TEST(Engine, ShutdownStopsTasksCancelledBeforeTheyRan) {
         ASSERT_EQ(engine.StartTasks(), 0);
         engine.Shutdown();
         EXPECT_TRUE(JournalHas(engine, "task probe_task stopped"));
+        EXPECT_EQ(engine.AddModule(new ProbeModule), -1);  // refused once shut down
     }
 }
 

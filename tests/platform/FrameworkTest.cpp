@@ -10,6 +10,7 @@
 #include <sys/eventfd.h>
 #include <unistd.h>
 
+#include <atomic>
 #include <stdexcept>
 
 #include "Framework/Engine.h"
@@ -84,13 +85,15 @@ TEST(Event, OwnsCallbackAndDescriptorAcrossMovesAndTheWaiterHandlesEachReadyOne)
     for (int fd : fds) EXPECT_FALSE(IsOpen(fd));
 }
 
-enum class Behaviour { Ok, Fails, ThrowsStd, ThrowsOther, Intercepted };
+enum class Behaviour { Ok, Fails, ThrowsStd, ThrowsOther, Intercepted, Echo };
 
 class ScriptedMessage : public Framework::Message {
 public:
     ScriptedMessage(Behaviour b, int id, std::vector<int>* handled) : behaviour(b), m_id(id), m_handled(handled) {}
-    int MessageHandle(void*) override {
+    int MessageHandle(void* task) override {
+        std::shared_ptr<Framework::Message> echo = std::make_shared<ScriptedMessage>(Behaviour::Ok, m_id, m_handled);
         switch (behaviour) {
+            case Behaviour::Echo: return static_cast<Framework::Task*>(task)->EnqueueMsg(echo) == 1 ? 0 : -1;
             case Behaviour::Fails: return -1;
             case Behaviour::ThrowsStd: throw std::runtime_error("handler failed");
             case Behaviour::ThrowsOther: throw 42;
@@ -111,12 +114,10 @@ public:
         : Task(name, "test_feature", Framework::TaskCondition::TASK_TYPE_NORMAL, queue_size) {}
     int Run() override {
         while (state() != TASK_CANCELLING) {
-            if (MessageEmpty()) {
-                // No time-out: only a wake-up (a message, or the engine's stop) ends the wait.
-                GetEventWaiter().WaitAndHandleEvent(-1, 128);
-            } else {
-                BulkConsumeMsg(1024);
-            }
+            BulkConsumeMsg(1024);
+            // No time-out: only a wake-up (a message, or the engine's stop)
+            // ends the wait, once the waiter has looked at the queue again.
+            GetEventWaiter().WaitAndHandleEvent(-1, 128);
         }
         if (throw_at_end) throw std::runtime_error("Run failed");
         return 0;
@@ -127,7 +128,7 @@ public:
     }
     int HandleMsg(const Framework::Message*) override { return ++after_handle; }
 
-    int after_handle = 0;
+    std::atomic<int> after_handle{0};
     bool throw_at_end = false;
 };
 
@@ -150,6 +151,19 @@ TEST(Task, FailingOrThrowingHandlersDoNotStopTheConsumerAndAFullQueueRefuses) {
     EXPECT_EQ(handled, (std::vector<int>{0, 5, 6, 7}));
     EXPECT_EQ(task.after_handle, 5);  // after the Ok and failing handlers; not after throws or interception
     for (const auto& m : sent) EXPECT_EQ(m.use_count(), 1);  // the task let go of every message
+}
+
+// A message a handler sends to its own task finds the wake-up still pending,
+// so nothing wakes the task: the waiter's last look at the queue must find it.
+TEST(Task, AMessageSentToItselfIsNotLeftWaiting) {
+    LoopTask task("loop_task");
+    std::thread thread([&] { task.runTask(); });
+    std::shared_ptr<Framework::Message> echo = std::make_shared<ScriptedMessage>(Behaviour::Echo, 0, nullptr);
+    EXPECT_EQ(task.EnqueueMsg(echo), 1);
+    EXPECT_TRUE(test_support::WaitFor([&] { return task.after_handle == 2; }));
+    task.cancel();
+    task.Wakeup();
+    thread.join();
 }
 
 class ProbeModule : public Framework::Module {

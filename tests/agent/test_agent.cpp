@@ -88,6 +88,10 @@ TEST_F(AgentTest, RefusalsExitTwoWithOneLineSayingWhatToDo) {
              "/libftrace_module.so: invalid ELF header; reinstall the agent or point --module-dir at a working copy\n"},
         {{}, "instance ZEV is in use by another ftrace-agent (pid 4242): stop that one first\n", {}, true},
     };
+    for (const auto& [option, reason] : std::vector<std::pair<std::string, std::string>>{
+             {"--events=sched:", "--events: 'sched:' is not of the form system:event"},
+             {"--duration=0", "--duration: '0' is not a positive number of seconds"}})
+        cases.push_back({{option}, "ftrace-agent: Invalid option argument: " + reason + "; see ftrace-agent --help\n"});
     // Names with "/" or ".." would reach other files through the module,
     // which does not check them: refused before it is loaded.
     for (const std::string name : {"nosuch:event", "sched:../../x", "sched/../sched:sched_switch",

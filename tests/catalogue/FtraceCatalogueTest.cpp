@@ -4,7 +4,6 @@
 // texts, and the record views and message layout, checked against
 // libtraceevent's own readers.
 
-#include <Poco/Logger.h>
 #include <event-parse.h>
 #include <gtest/gtest.h>
 #include <sys/resource.h>
@@ -21,17 +20,6 @@
 
 using namespace test_support;
 using Lines = std::vector<std::string>;
-
-namespace {
-
-// The lines the "ftrace" logger writes from now on.
-Poco::AutoPtr<CapturingChannel> CaptureLog() {
-    Poco::AutoPtr<CapturingChannel> channel(new CapturingChannel);
-    Poco::Logger::get("ftrace").setChannel(channel);
-    return channel;
-}
-
-}  // namespace
 
 TEST(TraceFSTest, EmptyNameAdoptsTheTopInstanceAndABadNameIsInvalid) {
     TempTracingDir tracing;
@@ -106,7 +94,7 @@ TEST(FtraceControlTest, WritesControlFilesExactlyAndLogsFailures) {
     fs::create_symlink("/dev/full", events + "timer/hrtimer_start/enable");
     Ftrace ftrace("control");
     const FtraceEvent sw = ftrace.get_event("sched", "sched_switch");
-    auto log = CaptureLog();
+    auto log = CaptureFtraceLog();
     ftrace.add(sw);
     ftrace.add(sw);  // appended, never truncated: other events stay enabled
     EXPECT_EQ(ReadAll(dir + "/set_event"), "sched:sched_switch\nsched:sched_switch\n");

@@ -3,7 +3,9 @@
 // lines a Poco logger writes, and a private tracing directory filled with
 // the committed event formats.
 
+#include <Poco/AutoPtr.h>
 #include <Poco/Channel.h>
+#include <Poco/Logger.h>
 #include <Poco/Message.h>
 #include <stdlib.h>
 
@@ -70,6 +72,15 @@ private:
     std::mutex m_mutex;
     std::vector<Poco::Message> m_messages;
 };
+
+// Creates the module's "ftrace" logger (the module logs nothing without it),
+// admitting lines up to `level`, into a new capturing channel.
+inline Poco::AutoPtr<CapturingChannel> CaptureFtraceLog(int level = Poco::Message::PRIO_INFORMATION) {
+    Poco::AutoPtr<CapturingChannel> channel(new CapturingChannel);
+    Poco::Logger::get("ftrace").setChannel(channel);
+    Poco::Logger::get("ftrace").setLevel(level);
+    return channel;
+}
 
 // A temporary directory that libtracefs takes for the tracing directory while
 // the object lives. Populate fills an instance directory as the kernel would:

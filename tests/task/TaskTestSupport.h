@@ -1,27 +1,15 @@
 #pragma once
-// The task tests' subscribers and the module's log lines.
-
-#include <Poco/AutoPtr.h>
-#include <Poco/Logger.h>
+// The task tests' subscribers.
 
 #include <memory>
 
 #include "Framework/Task.h"
 #include "FtraceMessage.h"
-#include "SDK/LoggerUtils.h"
 #include "TestSupport.h"
 
 namespace tasktest {
 
-// Creates the "ftrace" logger (the module logs nothing without it), admitting
-// lines up to `level`, into a new capturing channel.
-inline Poco::AutoPtr<test_support::CapturingChannel> CaptureFtraceLog(int level) {
-    Poco::AutoPtr<test_support::CapturingChannel> channel(new test_support::CapturingChannel);
-    Poco::Logger* logger = SDK::LoggerUtils::GetInstance()->GetModuleLogger("ftrace", true);
-    logger->setChannel(channel);
-    logger->setLevel(level);
-    return channel;
-}
+using test_support::CaptureFtraceLog;
 
 // A task that is no trace-message receiver.
 class PlainTask : public Framework::Task {

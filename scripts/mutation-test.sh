@@ -6,15 +6,17 @@
 # Environment:
 #   MUTATION_DIR    scratch directory (default /tmp/ftrace-mutation-<tree name>);
 #                   its build directory is kept, so later runs rebuild incrementally
-#   MUTATION_CTEST  ctest selection (default: all but the install, memcheck,
-#                   fuzz and soak tests)
+#   MUTATION_EXCLUDE  labels left out (default: install|memcheck|fuzz)
+#   MUTATION_CTEST    further ctest arguments (default: -E AgentSoakTest)
 # A mutant whose tree does not build, or whose text is not found exactly once,
-# is "invalid", not killed. The tests run under the ZEV lock, one run at a time.
+# is "invalid", not killed. The tests without the kernel label run first; only
+# when they all pass do the kernel tests run, under the ZEV lock.
 set -uo pipefail
 root=$(cd "$(dirname "$0")/.." && pwd)
 list=$(realpath "${1:-$root/scripts/mutants.txt}")
 work=${MUTATION_DIR:-/tmp/ftrace-mutation-$(basename "$root")}
-read -r -a selection <<<"${MUTATION_CTEST:--LE install|memcheck|fuzz -E AgentSoakTest}"
+excluded=${MUTATION_EXCLUDE:-install|memcheck|fuzz}
+read -r -a selection <<<"${MUTATION_CTEST:--E AgentSoakTest}"
 src=$work/src
 build=$work/build
 log=$work/log
@@ -49,9 +51,11 @@ reset_zev() {  # what a killed test may leave behind
 }
 
 run_tests() {  # run_tests <log file>: 0 when every selected test passes
+    ctest --test-dir "$build" -j2 --stop-on-failure --output-on-failure -LE "kernel|$excluded" "${selection[@]}" >"$1" 2>&1 ||
+        return 1
     flock /tmp/ftrace-zev.lock bash -c '
-        ctest --test-dir "$1" -j2 --stop-on-failure --output-on-failure "${@:3}" >"$2" 2>&1; rc=$?
-        '"$(declare -f reset_zev)"'; reset_zev; exit $rc' _ "$build" "$1" "${selection[@]}"
+        ctest --test-dir "$1" -j2 --stop-on-failure --output-on-failure -L kernel -LE "$3" "${@:4}" >>"$2" 2>&1; rc=$?
+        '"$(declare -f reset_zev)"'; reset_zev; exit $rc' _ "$build" "$1" "$excluded" "${selection[@]}"
 }
 
 # mutate <file> <original> <replacement>: replaces the one occurrence; 1 if not exactly one.

@@ -127,8 +127,12 @@ TEST_F(FtraceModuleTest, DeliversOneSharedMessageToEverySubscriber) {
     watch(a, "sched", "../../x", false);
     tasktest::PlainTask ghost("ghost");  // subscribed, but unknown to the engine
     const std::vector<Framework::Task*> all = {a, b, &ghost, stopped, deaf};
-    for (Framework::Task* watcher : all) watch(watcher, "sched", kExec, false);
+    // The event is routed to a alone first: the others must be seen when they join.
+    watch(a, "sched", kExec, false);
     ASSERT_TRUE(enabled(kExec, "1"));
+    const pid_t early = SpawnTrue();
+    ASSERT_TRUE(WaitFor([&] { return a->Find(Of(kExec, early)) != nullptr; }, 15));
+    for (Framework::Task* watcher : all) watch(watcher, "sched", kExec, false);
     EXPECT_TRUE(logged("3 Invalid event: ../../x:y") && logged("3 Invalid event: sched:../../x"));
     EXPECT_EQ(Read(kZev + "/set_event"), "sched:sched_process_exec\n");
 

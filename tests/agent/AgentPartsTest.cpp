@@ -1,13 +1,26 @@
-// The agent's parts that need no kernel: the JSON form of a message, and the
-// kernel's loss counters read from an instance's per_cpu stats into the summary.
+// The agent's parts that need no kernel: its option values, the JSON form of
+// a message, and the kernel's loss counters read from an instance's per_cpu
+// stats into the summary.
 #include <gtest/gtest.h>
 #include <stdlib.h>
 
+#include "AgentOptions.h"
 #include "FtraceMessage.h"
 #include "InstanceLossReader.h"
 #include "MessageFormatter.h"
 #include "ReceiveStatistics.h"
 #include "TestSupport.h"
+
+TEST(AgentOptionsTest, EventListsAndSecondsAreCheckedWhole) {
+    const auto events = Agent::AgentOptions::ParseEventList("a:b,c:d,a:b");  // a repeat counts once
+    ASSERT_EQ(events.size(), 2u);
+    EXPECT_EQ(events[0].FullName() + "," + events[1].FullName(), "a:b,c:d");
+    for (const char* bad : {"", "a", ":b", "a:", "a:b:c", "a:b,"})
+        EXPECT_THROW(Agent::AgentOptions::ParseEventList(bad), std::invalid_argument) << bad;
+    EXPECT_EQ(Agent::AgentOptions::ParseSeconds("0.5"), 0.5);
+    for (const char* bad : {"", "0", "-1", "x", "1x", "inf", "nan"})
+        EXPECT_THROW(Agent::AgentOptions::ParseSeconds(bad), std::invalid_argument) << bad;
+}
 
 TEST(MessageFormatterTest, JsonEscapesEveryByteThatIsNotPrintableAscii) {
     const Engine::FtraceMessage message("s:e\"", {{"n\\", 7}, {"m", 0}}, {{"s", std::string("a\"b\\c ~\x7f\xff\0\n", 11)}});

@@ -158,6 +158,7 @@ TEST(Task, FailingOrThrowingHandlersDoNotStopTheConsumerAndAFullQueueRefuses) {
 TEST(Task, AMessageSentToItselfIsNotLeftWaiting) {
     LoopTask task("loop_task");
     std::thread thread([&] { task.runTask(); });
+    std::this_thread::sleep_for(std::chrono::milliseconds(100));  // asleep, its wake-up armed
     std::shared_ptr<Framework::Message> echo = std::make_shared<ScriptedMessage>(Behaviour::Echo, 0, nullptr);
     EXPECT_EQ(task.EnqueueMsg(echo), 1);
     EXPECT_TRUE(test_support::WaitFor([&] { return task.after_handle == 2; }));

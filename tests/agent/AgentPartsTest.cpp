@@ -40,7 +40,8 @@ TEST(InstanceLossTest, SumsEveryCpusStatsAndTheSummarySaysWhenUnknown) {
         statistics.Print(text);
         return text.str().substr(text.str().find("  lost in the kernel"));
     };
-    EXPECT_EQ(summary(Agent::InstanceLossReader::Read(dir)),  // no per_cpu directory
+    test_support::fs::create_directories(dir + "/per_cpu/cpu0");  // without its stats file
+    EXPECT_EQ(summary(Agent::InstanceLossReader::Read(dir)),
               "  lost in the kernel (instance ZEV): unknown (per_cpu stats unreadable)\n");
     for (const char* cpu : {"cpu0", "cpu1"})
         test_support::WriteAll(dir + "/per_cpu/" + cpu + "/stats",

@@ -126,13 +126,15 @@ TEST_F(FtraceModuleTest, DeliversOneSharedMessageToEverySubscriber) {
     watch(a, "../../x", "y", false);
     watch(a, "sched", "../../x", false);
     tasktest::PlainTask ghost("ghost");  // subscribed, but unknown to the engine
-    const std::vector<Framework::Task*> all = {a, b, &ghost, stopped, deaf};
-    // The event is routed to a alone first: the others must be seen when they join.
+    const std::vector<Framework::Task*> all = {b, &ghost, stopped, deaf, a};
+    // The event is routed to a alone first: the others must be seen when they
+    // join. a's repeated request, refused, comes last and shows they were taken.
     watch(a, "sched", kExec, false);
     ASSERT_TRUE(enabled(kExec, "1"));
     const pid_t early = SpawnTrue();
     ASSERT_TRUE(WaitFor([&] { return a->Find(Of(kExec, early)) != nullptr; }, 15));
     for (Framework::Task* watcher : all) watch(watcher, "sched", kExec, false);
+    ASSERT_TRUE(logged("6 Task sub_a already registered to sched:sched_process_exec"));
     EXPECT_TRUE(logged("3 Invalid event: ../../x:y") && logged("3 Invalid event: sched:../../x"));
     EXPECT_EQ(Read(kZev + "/set_event"), "sched:sched_process_exec\n");
 

@@ -1,43 +1,46 @@
 // Against a temporary tracing directory holding the committed formats, so that
 // every byte written can be read back: the instance, the lazy format
 // catalogue, the control-file writes with their log lines and standard-error
-// texts, and the record views, checked against libtraceevent's own readers.
+// texts, and the record views and message layout, checked against
+// libtraceevent's own readers.
 
 #include <event-parse.h>
 #include <gtest/gtest.h>
 #include <sys/resource.h>
 #include <trace-seq.h>
 
-#include <algorithm>
 #include <csignal>
 #include <cstring>
 
-#include "CatalogueTestSupport.h"
+#include "FtraceEventLayout.h"
+#include "FtraceMessage.h"
+#include "TestSupport.h"
 #include "TraceFS.h"
 #include "ftrace.h"
 
-using namespace catalogue_test;
+using namespace test_support;
 using Lines = std::vector<std::string>;
 
 TEST(TraceFSTest, EmptyNameAdoptsTheTopInstanceAndABadNameIsInvalid) {
-    TempTracingDir tracing("x");
+    TempTracingDir tracing;
     {
         TraceFS top("");  // reaches libtracefs as null, never as the instances directory
         EXPECT_TRUE(top.IsValid() && !top.IsCreated());
         EXPECT_EQ(top.dir(), tracing.root);
     }
-    EXPECT_TRUE(fs::is_directory(tracing.dir));
+    EXPECT_TRUE(fs::is_directory(tracing.root));
     EXPECT_FALSE(TraceFS("no/such").IsValid());
 }
 
 TEST(FtraceCatalogueTest, LoadsFormatsLazilyAndReportsBadOnesOnStandardError) {
     TempTracingDir tracing("catalogue");
-    WriteAll(tracing.dir + "/events/bad/garbage/format", "this is not a format\n");
+    const std::string dir = tracing.Instance("catalogue");
+    WriteAll(dir + "/events/bad/garbage/format", "this is not a format\n");
     // No own fields, and a NUL byte after which nothing is read.
-    const std::string exec = ReadAll(tracing.dir + "/events/sched/sched_process_exec/format");
+    const std::string exec = ReadAll(dir + "/events/sched/sched_process_exec/format");
     std::string bare = exec.substr(0, exec.find("\n\n") + 2) + "print fmt: \"x\"\n";
     bare.replace(bare.find("sched_process_exec"), 18, "bare");
-    WriteAll(tracing.dir + "/events/sched/bare/format", bare + std::string(1, '\0') + "name: other\nID: 1\n");
+    WriteAll(dir + "/events/sched/bare/format", bare + std::string(1, '\0') + "name: other\nID: 1\n");
     Ftrace ftrace("catalogue");
 
     struct Row {
@@ -63,7 +66,7 @@ TEST(FtraceCatalogueTest, LoadsFormatsLazilyAndReportsBadOnesOnStandardError) {
 
     // Loaded events are answered from the catalogue, by name or by id, without the file.
     const FtraceEvent sw = ftrace.get_event("sched", "sched_switch");
-    fs::remove(tracing.dir + "/events/sched/sched_switch/format");
+    fs::remove(dir + "/events/sched/sched_switch/format");
     EXPECT_EQ(ftrace.get_event("sched", "sched_switch").get(), sw.get());
     EXPECT_EQ(ftrace.get_event(sw.id()).get(), sw.get());
     EXPECT_EQ(ftrace.events_count(), 2);
@@ -85,46 +88,25 @@ TEST(FtraceCatalogueTest, LoadsFormatsLazilyAndReportsBadOnesOnStandardError) {
 
 TEST(FtraceControlTest, WritesControlFilesExactlyAndLogsFailures) {
     TempTracingDir tracing("control");
-    const std::string events = tracing.dir + "/events/", pid_file = tracing.dir + "/set_event_pid";
+    const std::string dir = tracing.Instance("control"), events = dir + "/events/", pids = dir + "/set_event_pid";
     fs::remove(events + "irq/irq_handler_entry/enable");
     fs::remove(events + "timer/hrtimer_start/enable");
     fs::create_symlink("/dev/full", events + "timer/hrtimer_start/enable");
     Ftrace ftrace("control");
     const FtraceEvent sw = ftrace.get_event("sched", "sched_switch");
-    const FtraceEvent irq = ftrace.get_event("irq", "irq_handler_entry");
-    const FtraceEvent timer = ftrace.get_event("timer", "hrtimer_start");
-    ASSERT_TRUE(sw && irq && timer);
-
-    auto log = LogCapture::Start();
+    auto log = CaptureFtraceLog();
     ftrace.add(sw);
     ftrace.add(sw);  // appended, never truncated: other events stay enabled
-    EXPECT_EQ(ReadAll(tracing.dir + "/set_event"), "sched:sched_switch\nsched:sched_switch\n");
+    EXPECT_EQ(ReadAll(dir + "/set_event"), "sched:sched_switch\nsched:sched_switch\n");
     ftrace.remove(sw);
     EXPECT_EQ(ReadAll(events + "sched/sched_switch/enable"), "0");
     ftrace.event_filter_add_pid(42);
     ftrace.event_filter_add_pid(-7);
-    EXPECT_EQ(ReadAll(pid_file), "42\n-7\n");
+    EXPECT_EQ(ReadAll(pids), "42\n-7\n");
     ftrace.event_filter_clean_all();
-    EXPECT_EQ(ReadAll(pid_file), "");
-    EXPECT_EQ(log->lines, Lines{});
-
-    // Failures are logged, and no control file is ever made.
-    ftrace.remove(irq);                              // no enable file
-    ftrace.remove(timer);                            // the write fails
-    ftrace.append_file(tracing.dir + "/nope", "x");  // no such file
-    ftrace.append_file("/dev/full", "x");
-    EXPECT_FALSE(fs::exists(events + "irq/irq_handler_entry/enable") || fs::exists(tracing.dir + "/nope"));
-    EXPECT_EQ(log->lines, (Lines{"3 Ftrace::remove open file {" + events + "irq/irq_handler_entry/enable} err",
-                                 "3 Ftrace::remove write file {" + events + "timer/hrtimer_start/enable} err",
-                                 "3 Ftrace::append open file {" + tracing.dir + "/nope} err",
-                                 "3 Ftrace::append write file {/dev/full} err"}));
-}
-
-TEST(FtraceControlTest, RemovingAPidRewritesTheKeptLines) {
-    TempTracingDir tracing("pids");
-    const std::string pid_file = tracing.dir + "/set_event_pid";
-    Ftrace ftrace("pids");
-    struct Row {
+    EXPECT_EQ(ReadAll(pids), "");
+    // Removing a pid rewrites the kept lines.
+    const struct {
         std::string before;
         int pid;
         std::string after;
@@ -132,65 +114,68 @@ TEST(FtraceControlTest, RemovingAPidRewritesTheKeptLines) {
         {"1\n2\n3\n", 2, "1\n3"}, {"5\n5\n6\n", 5, "6"}, {"5\n", 5, ""}, {"1\n\n2\n", 2, "1\n"},
         {" 7\n07\n7\n", 7, " 7\n07"}, {"1\n2\n", 9, "1\n2"}, {"", 3, ""}, {"8", 8, ""}, {"-4\n4\n", -4, "4"},
     };
-    auto log = LogCapture::Start();
-    for (const Row& row : rows) {
-        SCOPED_TRACE(row.before + " - " + std::to_string(row.pid));
-        WriteAll(pid_file, row.before);
+    for (const auto& row : rows) {
+        WriteAll(pids, row.before);
         ftrace.event_filter_rmv_pid(row.pid);
-        EXPECT_EQ(ReadAll(pid_file), row.after);
+        EXPECT_EQ(ReadAll(pids), row.after) << row.before << " - " << row.pid;
     }
-    EXPECT_EQ(log->lines, Lines{});
+    EXPECT_EQ(log->lines(true), Lines{});
 
     // The rewrite fails (file size limit): the list stays cleared, and the
     // text of remove()'s failed open is logged.
-    WriteAll(pid_file, "1\n2\n");
+    WriteAll(pids, "1\n2\n");
     rlimit previous{};
     getrlimit(RLIMIT_FSIZE, &previous);
     const auto previous_handler = std::signal(SIGXFSZ, SIG_IGN);
-    rlimit none = previous;
-    none.rlim_cur = 0;
-    setrlimit(RLIMIT_FSIZE, &none);
+    rlimit limited = previous;
+    limited.rlim_cur = 0;
+    setrlimit(RLIMIT_FSIZE, &limited);
     ftrace.event_filter_rmv_pid(2);
     setrlimit(RLIMIT_FSIZE, &previous);
     std::signal(SIGXFSZ, previous_handler);
-    EXPECT_EQ(ReadAll(pid_file), "");
+    EXPECT_EQ(ReadAll(pids), "");
 
-    // Without the file: the removal's own open text; cleaning makes nothing.
-    fs::remove(pid_file);
+    // Other failures are logged too, and no control file is ever made.
+    ftrace.remove(ftrace.get_event("irq", "irq_handler_entry"));  // no enable file
+    ftrace.remove(ftrace.get_event("timer", "hrtimer_start"));    // the write fails
+    ftrace.append_file(dir + "/nope", "x");
+    ftrace.append_file("/dev/full", "x");
+    fs::remove(pids);
     ftrace.event_filter_rmv_pid(2);
-    fs::remove_all(tracing.dir);
+    fs::remove_all(dir);
     ftrace.event_filter_clean_all();
-    EXPECT_FALSE(fs::exists(tracing.dir));
-    EXPECT_EQ(log->lines, (Lines{"3 Ftrace::remove open file {" + pid_file + "} err",
-                                 "3 Ftrace::event_filter_rmv_pid open file {" + pid_file + "} err"}));
+    EXPECT_FALSE(fs::exists(dir));
+    EXPECT_EQ(log->lines(), (Lines{"3 Ftrace::remove open file {" + pids + "} err",
+                                 "3 Ftrace::remove open file {" + events + "irq/irq_handler_entry/enable} err",
+                                 "3 Ftrace::remove write file {" + events + "timer/hrtimer_start/enable} err",
+                                 "3 Ftrace::append open file {" + dir + "/nope} err",
+                                 "3 Ftrace::append write file {/dev/full} err",
+                                 "3 Ftrace::event_filter_rmv_pid open file {" + pids + "} err"}));
 }
 
 // Every committed format, a record filled with a pattern (and a valid location
-// word for each __data_loc field): every field decodes as libtraceevent reads
-// it, also when the record carries no size, and reads as nothing once the
-// record's size ends before the field's last byte.
+// word for each __data_loc field, its data past byte 255): every field decodes
+// as libtraceevent reads it, through the views and into the message, also when
+// the record carries no size, and reads as nothing once the record ends before
+// the field's last byte.
 TEST(FtraceViewsTest, DecodingMatchesLibtraceeventForEveryFixture) {
     TempTracingDir tracing("views");
     Ftrace ftrace("views");
-    int formats = 0;
-    for (const auto& entry : fs::recursive_directory_iterator(std::string(FTRACE_FIXTURES_ROOT) + "/events")) {
-        if (entry.path().filename() != "format") continue;
-        const std::string system = entry.path().parent_path().parent_path().filename();
-        const std::string name = entry.path().parent_path().filename();
+    for (const auto& [system, name] : TempTracingDir::Fixtures()) {
         SCOPED_TRACE(system + ":" + name);
         const FtraceEvent event = ftrace.get_event(system, name);
         ASSERT_TRUE(event);
-        ++formats;
+        const Engine::FtraceEventLayout layout(event);
 
-        size_t end = 0;
+        size_t end = 0, fields = 0;
         for (FtraceField field : FtraceEvent::FtraceEventFields(event))
             end = std::max(end, static_cast<size_t>(field.offset() + field.size()));
-        std::vector<unsigned char> data(end + 256);
+        std::vector<unsigned char> data(end + 512);
         // NUL bytes sprinkled in: strings are taken whole, never cut at a terminator.
         for (size_t i = 0; i < data.size(); ++i) data[i] = static_cast<unsigned char>(i % 7 == 3 ? 0 : i * 37 + 11);
         const uint16_t type = event.id();
         std::memcpy(data.data(), &type, 2);
-        uint32_t next = end, length = 7;
+        uint32_t next = end + 256, length = 7;
         for (FtraceField field : FtraceEvent::FtraceEventFields(event)) {
             if (!field.is_dynamic()) continue;
             const uint32_t location = (length << 16) | next;
@@ -200,38 +185,57 @@ TEST(FtraceViewsTest, DecodingMatchesLibtraceeventForEveryFixture) {
         tep_record record{};
         record.data = data.data();
         record.size = data.size();
+        record.ts = 0x123456789;
         const FtraceRecord decoded(event, &record);
         EXPECT_EQ(ftrace.get_event(ftrace.event_id(&record)).get(), event.get());
+        const auto message = layout.make_message(decoded);
+        EXPECT_EQ(message->name(), system + ":" + name);
+        EXPECT_EQ(message->get_number("timestamp"), record.ts);
 
         trace_seq seq;
         trace_seq_init(&seq);
         for (FtraceField field : FtraceEvent::FtraceEventFields(event)) {
             SCOPED_TRACE(field.name());
-            // A record built without a size (0) reads as laid out, like one that has it.
-            for (const int record_size : {static_cast<int>(data.size()), 0}) {
-                record.size = record_size;
-                if (field.is_array()) {
-                    int size = 0;
-                    const void* raw = tep_get_field_raw(&seq, event.get(), field.name().c_str(), &record, &size, 0);
-                    ASSERT_NE(raw, nullptr);
-                    EXPECT_EQ(decoded.get_string(field), std::string(static_cast<const char*>(raw), size));
-                } else {
-                    unsigned long long expected = 0;
-                    if (tep_read_number_field(field.get(), data.data(), &expected) != 0) expected = 0;
-                    EXPECT_EQ(decoded.get(field), expected);
-                }
+            ++fields;
+            const auto view = [&] { return field.is_array() ? decoded.get_string(field) : std::to_string(decoded.get(field)); };
+            const auto entry = [&] {
+                const auto m = layout.make_message(decoded);
+                return field.is_array() ? m->get_string(field.name()) : std::to_string(m->get_number(field.name()));
+            };
+            std::string expected;
+            if (field.is_array()) {
+                int size = 0;
+                const void* raw = tep_get_field_raw(&seq, event.get(), field.name().c_str(), &record, &size, 0);
+                ASSERT_NE(raw, nullptr);
+                expected.assign(static_cast<const char*>(raw), size);
+            } else {
+                unsigned long long number = 0;
+                if (tep_read_number_field(field.get(), data.data(), &number) != 0) number = 0;
+                expected = std::to_string(number);
             }
-            // One byte short of what the field needs (a string's data included): nothing is read.
+            EXPECT_EQ(view(), expected);
+            EXPECT_EQ(entry(), expected);
+            // A record built without a size (0) reads as laid out, like one that has it.
+            record.size = 0;
+            EXPECT_EQ(view(), expected);
+            record.size = data.size();
+            // The record ends right after what the field needs (a string's data
+            // included), then one byte short of it.
             uint32_t needed = field.offset() + field.size(), location = 0;
             if (field.is_dynamic()) {
                 std::memcpy(&location, &data[field.offset()], 4);
                 needed = (location & 0xffff) + (location >> 16);
             }
+            record.size = needed;
+            EXPECT_EQ(view(), expected);
             record.size = needed - 1;
-            EXPECT_EQ(field.is_array() ? decoded.get_string(field).size() : decoded.get(field), 0u);
+            const std::string nothing = field.is_array() ? "" : "0";
+            EXPECT_EQ(view(), nothing);
+            EXPECT_EQ(entry(), nothing);
             record.size = data.size();
         }
+        EXPECT_EQ(message->numbers().size() + message->strings().size(), fields + 1);
         trace_seq_destroy(&seq);
     }
-    EXPECT_GE(formats, 12);
+    EXPECT_GE(TempTracingDir::Fixtures().size(), 12u);
 }

@@ -7,11 +7,12 @@ foreach(part ftrace_catalogue ftrace_reader ftrace_task)
   get_target_property(part_sources ${part} SOURCES)
   list(APPEND FUZZ_MODULE_SOURCES ${part_sources})
 endforeach()
-add_library(ftrace_fuzz_module STATIC ${FUZZ_MODULE_SOURCES} FuzzTracingDir.cpp)
+add_library(ftrace_fuzz_module STATIC ${FUZZ_MODULE_SOURCES})
 target_compile_options(ftrace_fuzz_module PUBLIC -fsanitize=fuzzer-no-link,address,undefined
   -fno-sanitize-recover=undefined)
 target_compile_definitions(ftrace_fuzz_module PUBLIC FTRACE_FIXTURES_ROOT="${PROJECT_SOURCE_DIR}/tests/fixtures")
-target_include_directories(ftrace_fuzz_module PUBLIC ${CMAKE_CURRENT_SOURCE_DIR} ${PROJECT_SOURCE_DIR}/tests/reader)
+target_include_directories(ftrace_fuzz_module PUBLIC ${CMAKE_CURRENT_SOURCE_DIR}
+  ${PROJECT_SOURCE_DIR}/tests/reader ${PROJECT_SOURCE_DIR}/tests/support ${PROJECT_SOURCE_DIR}/tests/task)
 target_link_libraries(ftrace_fuzz_module PUBLIC ftrace_module_headers platform_with_poco
   PkgConfig::TRACEEVENT PkgConfig::TRACEFS)
 

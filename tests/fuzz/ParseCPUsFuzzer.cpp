@@ -2,10 +2,7 @@
 // and for every accepted list: written back as "a,b,c" it parses to the same
 // CPUs, blanks around it change nothing, and "list,list" doubles the output.
 
-#include <cstdint>
 #include <iterator>
-#include <string>
-#include <vector>
 
 #include "CPUTopology.h"
 #include "FuzzInput.h"

@@ -12,27 +12,19 @@
 // way; requests whose path would climb out of the private directory are
 // skipped so that the run stays hermetic.
 
-#include <Poco/AutoPtr.h>
-#include <Poco/Logger.h>
 #include <Poco/NullChannel.h>
 
-#include <filesystem>
-#include <fstream>
 #include <iostream>
 #include <iterator>
 #include <map>
-#include <memory>
 #include <optional>
 #include <set>
-#include <sstream>
-#include <string>
-#include <utility>
 
 #include "FtraceTask.h"
 #include "FtraceWatchMessage.h"
 #include "FuzzInput.h"
-#include "FuzzTracingDir.h"
 #include "SDK/LoggerUtils.h"
+#include "TaskTestSupport.h"
 
 namespace fs = std::filesystem;
 
@@ -40,13 +32,6 @@ namespace {
 
 using Key = std::pair<std::string, std::string>;
 using Registry = std::map<Key, std::set<std::string>>;
-
-class NamedTask : public Framework::Task {
-public:
-    explicit NamedTask(const std::string& name)
-        : Framework::Task(name, "fuzz_feature", Framework::TaskCondition::TASK_TYPE_NORMAL, 16) {}
-    int Run() override { return 0; }
-};
 
 // Pieces names are made of: fixture names, near misses, path syntax, the
 // set_event syntax and control characters.
@@ -72,12 +57,7 @@ bool StaysInside(const std::string& relative, int depth) {
     return true;
 }
 
-std::string ReadAll(const std::string& path) {
-    std::ifstream in(path, std::ios::binary);
-    std::ostringstream text;
-    text << in.rdbuf();
-    return text.str();
-}
+using test_support::ReadAll;
 
 // The registry of the task and the files the kernel would see, predicted.
 class Model {
@@ -153,8 +133,9 @@ struct Fixture {
         // Unreadable formats are reported on std::cerr; keep the fuzzer's own output readable.
         std::cerr.setstate(std::ios::badbit);
     }
-    FuzzTracingDir dir;
-    NamedTask watchers[3] = {NamedTask("task_a"), NamedTask("task_b"), NamedTask("task_c")};
+    test_support::TempTracingDir dir;
+    tasktest::PlainTask watchers[3] = {tasktest::PlainTask("task_a"), tasktest::PlainTask("task_b"),
+                                       tasktest::PlainTask("task_c")};
 };
 
 std::string Name(FuzzInput& in) {
@@ -172,7 +153,7 @@ std::string Name(FuzzInput& in) {
 }
 
 // A request's names: mostly a committed event, sometimes bent, sometimes free.
-Key Names(FuzzInput& in, const FuzzTracingDir& dir) {
+Key Names(FuzzInput& in, const test_support::TempTracingDir& dir) {
     const uint8_t mode = in.Byte();
     Key names = dir.Fixtures()[(mode >> 2) % dir.Fixtures().size()];
     if ((mode & 3) == 2) {
@@ -190,7 +171,7 @@ Key Names(FuzzInput& in, const FuzzTracingDir& dir) {
 
 extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
     static Fixture shared;
-    const std::string instance_dir = shared.dir.InstanceDir("ZEV");
+    const std::string instance_dir = shared.dir.Instance("ZEV");
     auto task = std::make_unique<Engine::FtraceTask>();
     FuzzCheck(task->ftrace().tracefs().IsValid() && task->ftrace().tracefs().IsCreated(), "ZEV was not created");
     shared.dir.Populate("ZEV");

@@ -1,7 +1,7 @@
 // Events, tasks and the engine with real module objects: ownership of event
-// callbacks and descriptors, message consumption with failing handlers, the
-// wake-up of a waiting task, module loading, tasks that talk by name, the
-// order of shutdown and failed modules. Stop requests by signal are left to
+// callbacks and descriptors, message consumption with failing handlers,
+// module loading, tasks that wake each other by name, the order of shutdown
+// and failed modules. Stop requests by signal are left to
 // the agent's tests, which stop a real agent with SIGINT and SIGTERM.
 #include <dlfcn.h>
 #include <fcntl.h>
@@ -10,19 +10,16 @@
 #include <sys/eventfd.h>
 #include <unistd.h>
 
-#include <algorithm>
 #include <atomic>
-#include <chrono>
-#include <functional>
 #include <stdexcept>
-#include <thread>
-#include <vector>
 
 #include "Framework/Engine.h"
 #include "Framework/Event.h"
 #include "Framework/EventCallback.h"
+#include "Framework/EventWaiter.h"
 #include "Framework/Module.h"
 #include "Framework/Task.h"
+#include "TestSupport.h"
 
 namespace {
 
@@ -37,60 +34,66 @@ bool IsLoaded(const char* path) {
     return handle != nullptr;
 }
 
-// Waits up to 10 s for `condition`.
-bool Eventually(const std::function<bool()>& condition) {
-    const auto deadline = std::chrono::steady_clock::now() + std::chrono::seconds(10);
-    while (!condition()) {
-        if (std::chrono::steady_clock::now() > deadline) return false;
-        std::this_thread::sleep_for(std::chrono::milliseconds(1));
-    }
-    return true;
-}
-
-bool JournalHas(const Framework::Engine& engine, const std::string& line) {
-    return Eventually([&] {
+bool JournalHas(const Framework::Engine& engine, const std::string& line, long times = 1) {
+    return test_support::WaitFor([&] {
         const auto journal = engine.Journal();
-        return std::find(journal.begin(), journal.end(), line) != journal.end();
+        return std::count(journal.begin(), journal.end(), line) >= times;
     });
 }
 
-// Counts its own destructions, to prove each event deletes its callback once.
+// Counts its own calls and destructions, to prove each event deletes its callback once.
 class CountedCallback : public Framework::AbstractEventCallback {
 public:
-    explicit CountedCallback(int* destroyed) : m_destroyed(destroyed) {}
+    CountedCallback(int* destroyed, int* invoked) : m_destroyed(destroyed), m_invoked(invoked) {}
     ~CountedCallback() override { ++*m_destroyed; }
-    int invoke(int, unsigned int, void*) const override { return 0; }
+    int invoke(int fd, unsigned int, void*) const override {
+        uint64_t count = 0;
+        ++*m_invoked;
+        return static_cast<int>(::read(fd, &count, sizeof count));
+    }
 
 private:
     int* m_destroyed;
+    int* m_invoked;
 };
 
-TEST(Event, OwnsCallbackAndDescriptorAcrossMoves) {
-    int destroyed = 0;
+TEST(Event, OwnsCallbackAndDescriptorAcrossMovesAndTheWaiterHandlesEachReadyOne) {
+    int destroyed = 0, invoked = 0;
     int fds[3];
     {
         std::vector<Framework::Event> events;
         events.reserve(1);  // the next emplace_back grows the vector: events are moved
         for (int& fd : fds) {
             fd = ::eventfd(0, EFD_CLOEXEC);
-            events.emplace_back(new CountedCallback(&destroyed), nullptr, fd);
+            events.emplace_back(new CountedCallback(&destroyed, &invoked), nullptr, fd);
         }
         Framework::Event moved(std::move(events[0]));
         events.erase(events.begin());  // destroys the moved-from shell and shifts the others
         EXPECT_TRUE(IsOpen(fds[0]));
         EXPECT_EQ(destroyed, 0);
+        Framework::EventWaiter waiter;
+        for (Framework::Event* event : {&moved, &events[0], &events[1]}) {
+            ASSERT_EQ(waiter.AddEvent(*event), 0);
+            const uint64_t one = 1;
+            ASSERT_EQ(::write(event->Fd(), &one, sizeof one), 8);
+        }
+        EXPECT_EQ(waiter.WaitAndHandleEvent(0, 8), 3);
+        EXPECT_EQ(invoked, 3);
+        EXPECT_EQ(waiter.WaitAndHandleEvent(0, 8), 0);  // each was read by its handler
     }
     EXPECT_EQ(destroyed, 3);
     for (int fd : fds) EXPECT_FALSE(IsOpen(fd));
 }
 
-enum class Behaviour { Ok, Fails, ThrowsStd, ThrowsOther, Intercepted };
+enum class Behaviour { Ok, Fails, ThrowsStd, ThrowsOther, Intercepted, Echo };
 
 class ScriptedMessage : public Framework::Message {
 public:
     ScriptedMessage(Behaviour b, int id, std::vector<int>* handled) : behaviour(b), m_id(id), m_handled(handled) {}
-    int MessageHandle(void*) override {
+    int MessageHandle(void* task) override {
+        std::shared_ptr<Framework::Message> echo = std::make_shared<ScriptedMessage>(Behaviour::Ok, m_id, m_handled);
         switch (behaviour) {
+            case Behaviour::Echo: return static_cast<Framework::Task*>(task)->EnqueueMsg(echo) == 1 ? 0 : -1;
             case Behaviour::Fails: return -1;
             case Behaviour::ThrowsStd: throw std::runtime_error("handler failed");
             case Behaviour::ThrowsOther: throw 42;
@@ -112,13 +115,10 @@ public:
         : Task(name, "test_feature", Framework::TaskCondition::TASK_TYPE_COLLECTOR, queue_size) {}
     int Run() override {
         while (state() != TASK_CANCELLING) {
-            if (MessageEmpty()) {
-                waits.fetch_add(1);
-                // No time-out: only a wake-up (a message, or the engine's stop) ends the wait.
-                GetEventWaiter().WaitAndHandleEvent(-1, 128);
-            } else {
-                BulkConsumeMsg(1024);
-            }
+            BulkConsumeMsg(1024);
+            // No time-out: only a wake-up (a message, or the engine's stop)
+            // ends the wait, once the waiter has looked at the queue again.
+            GetEventWaiter().WaitAndHandleEvent(-1, 128);
         }
         if (throw_at_end) throw std::runtime_error("Run failed");
         return 0;
@@ -129,8 +129,7 @@ public:
     }
     int HandleMsg(const Framework::Message*) override { return ++after_handle; }
 
-    std::atomic<int> waits{0};
-    int after_handle = 0;
+    std::atomic<int> after_handle{0};
     bool throw_at_end = false;
 };
 
@@ -155,30 +154,28 @@ TEST(Task, FailingOrThrowingHandlersDoNotStopTheConsumerAndAFullQueueRefuses) {
     for (const auto& m : sent) EXPECT_EQ(m.use_count(), 1);  // the task let go of every message
 }
 
-TEST(Task, EnqueueWakesATaskWaitingForEvents) {
+// A message a handler sends to its own task finds the wake-up still pending,
+// so nothing wakes the task: the waiter's last look at the queue must find it.
+TEST(Task, AMessageSentToItselfIsNotLeftWaiting) {
     LoopTask task("loop_task");
-    task.throw_at_end = true;  // runTask must not let it out of the thread
-    std::vector<int> handled;  // read after the join
     std::thread thread([&] { task.runTask(); });
-    for (int round = 0; round < 3 && !HasFailure(); ++round) {  // a failure still joins the thread
-        EXPECT_TRUE(Eventually([&] { return task.waits.load() > round; }));  // asleep again
-        std::this_thread::sleep_for(std::chrono::milliseconds(50));  // let it reach epoll_wait
-        const auto sent_at = std::chrono::steady_clock::now();
-        std::shared_ptr<Framework::Message> m = std::make_shared<ScriptedMessage>(Behaviour::Ok, round, &handled);
-        EXPECT_EQ(task.EnqueueMsg(m), 1);
-        EXPECT_TRUE(Eventually([&] { return task.MessageEmpty(); }));
-        EXPECT_LT(std::chrono::steady_clock::now() - sent_at, std::chrono::milliseconds(500)) << "round " << round;
-    }
+    std::this_thread::sleep_for(std::chrono::milliseconds(100));  // asleep, its wake-up armed
+    std::shared_ptr<Framework::Message> echo = std::make_shared<ScriptedMessage>(Behaviour::Echo, 0, nullptr);
+    EXPECT_EQ(task.EnqueueMsg(echo), 1);
+    EXPECT_TRUE(test_support::WaitFor([&] { return task.after_handle == 2; }));
     task.cancel();
     task.Wakeup();
     thread.join();
-    EXPECT_EQ(handled, (std::vector<int>{0, 1, 2}));
 }
 
 class ProbeModule : public Framework::Module {
 public:
     ProbeModule() : Module("probe_module") {}
-    int Init() override { return RegisterTask(new LoopTask("probe_task"), true); }
+    int Init() override {
+        auto* task = new LoopTask("probe_task");
+        task->throw_at_end = true;  // runTask must not let it out of the thread
+        return RegisterTask(task, true);
+    }
 };
 
 // lifecycle_task answers a message with a "hello" to probe_task. Both wait
@@ -191,16 +188,22 @@ TEST(Engine, RunsModuleTasksThatTalkByNameAndShutsDownInOrder) {
         ASSERT_EQ(engine.LoadModule(LIFECYCLE_MODULE_PATH, &error), 0) << error;
         ASSERT_EQ(engine.StartTasks(), 0);
         ASSERT_EQ(engine.AddModule(new ProbeModule), 0);  // start_now while running: starts at once
-        std::shared_ptr<Framework::Message> ping = std::make_shared<ScriptedMessage>(Behaviour::Ok, 0, nullptr);
-        ASSERT_EQ(engine.FindTask("lifecycle_task")->EnqueueMsg(ping), 1);
-        ASSERT_TRUE(JournalHas(engine, "probe_task handled hello"));
+        // Each round both tasks are asleep again: the ping from this thread
+        // wakes the one at once, the hello is owed until its sender waits.
+        for (int round = 1; round <= 3; ++round) {
+            std::shared_ptr<Framework::Message> ping = std::make_shared<ScriptedMessage>(Behaviour::Ok, 0, nullptr);
+            ASSERT_EQ(engine.FindTask("lifecycle_task")->EnqueueMsg(ping), 1);
+            ASSERT_TRUE(JournalHas(engine, "probe_task handled hello", round));
+            std::this_thread::sleep_for(std::chrono::milliseconds(20));
+        }
         engine.Shutdown();
         EXPECT_EQ(engine.FindTask("lifecycle_task"), nullptr);
         EXPECT_THAT(engine.Journal(),
                     ElementsAre("module lifecycle_module Init", "task lifecycle_task registered",
                                 "task lifecycle_task Init", "task lifecycle_task start", "module probe_module Init",
                                 "task probe_task registered", "task probe_task Init", "task probe_task start",
-                                "probe_task handled hello", "task probe_task cancel", "task probe_task stopped",
+                                "probe_task handled hello", "probe_task handled hello", "probe_task handled hello",
+                                "task probe_task cancel", "task probe_task stopped",
                                 "task lifecycle_task cancel", "task lifecycle_task stopped", "task probe_task UnInit",
                                 "task lifecycle_task UnInit", "lifecycle_task: UnInit after Run",
                                 "module probe_module UnInit", "module lifecycle_module UnInit",
@@ -245,6 +248,7 @@ TEST(Engine, ShutdownStopsTasksCancelledBeforeTheyRan) {
         ASSERT_EQ(engine.StartTasks(), 0);
         engine.Shutdown();
         EXPECT_TRUE(JournalHas(engine, "task probe_task stopped"));
+        EXPECT_EQ(engine.AddModule(new ProbeModule), -1);  // refused once shut down
     }
 }
 

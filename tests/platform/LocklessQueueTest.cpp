@@ -59,9 +59,8 @@ TEST(LocklessQueue, NothingLostOrDuplicatedAndProducerOrderKept) {
             threads.emplace_back([&, p] {
                 std::vector<Ptr> batch;
                 for (int seq = 0; seq < kPerProducer;) {
-                    for (int i = 0; i < c.batch && seq + i < kPerProducer; ++i) {
+                    for (int i = 0; i < c.batch && seq + i < kPerProducer; ++i)
                         batch.push_back(std::make_shared<Tag>(Tag{p, seq + i}));
-                    }
                     while (!batch.empty()) {  // retry the part that did not fit
                         const int n = c.batch == 1 ? queue.Enqueue(batch[0]) : queue.EnqueueBulk(batch, 0);
                         if (n == 0) std::this_thread::yield();
@@ -89,14 +88,13 @@ TEST(LocklessQueue, NothingLostOrDuplicatedAndProducerOrderKept) {
         for (const auto& mine : received) {
             std::vector<int> last(static_cast<size_t>(producers), -1);
             for (const auto& tag : mine) {
-                EXPECT_GT(tag->seq, last[static_cast<size_t>(tag->producer)]) << "producer order broken";
-                last[static_cast<size_t>(tag->producer)] = tag->seq;
-                ++seen[static_cast<size_t>(tag->producer)][static_cast<size_t>(tag->seq)];
+                EXPECT_GT(tag->seq, last[tag->producer]) << "producer order broken";
+                last[tag->producer] = tag->seq;
+                ++seen[tag->producer][tag->seq];
             }
         }
-        for (const auto& per_producer : seen) {
-            for (int count : per_producer) ASSERT_EQ(count, 1) << "lost or duplicated";
-        }
+        for (const auto& per_producer : seen)
+            ASSERT_EQ(std::count(per_producer.begin(), per_producer.end(), 1), kPerProducer) << "lost or duplicated";
     }
 }
 

@@ -2,27 +2,17 @@
 // whole-file reads of pseudo files. The CPU budget is checked where the
 // reader applies it.
 #include <Poco/AutoPtr.h>
-#include <Poco/Channel.h>
 #include <Poco/Logger.h>
-#include <Poco/Message.h>
 #include <gtest/gtest.h>
-
-#include <string>
-#include <vector>
 
 #include "SDK/FileUtils.h"
 #include "SDK/LoggerUtils.h"
+#include "TestSupport.h"
 
 namespace {
 
-class CaptureChannel : public Poco::Channel {
-public:
-    void log(const Poco::Message& message) override { messages.push_back(message); }
-    std::vector<Poco::Message> messages;
-};
-
 TEST(LoggerUtils, WritesWhatTheLevelAdmitsPointingIntoTheCallersFileName) {
-    Poco::AutoPtr<CaptureChannel> channel(new CaptureChannel);
+    Poco::AutoPtr<test_support::CapturingChannel> channel(new test_support::CapturingChannel);
     Poco::Logger* logger = SDK::LoggerUtils::GetInstance()->GetModuleLogger("sdk_test", true);
     ASSERT_NE(logger, nullptr);
     logger->setChannel(channel);
@@ -31,8 +21,8 @@ TEST(LoggerUtils, WritesWhatTheLevelAdmitsPointingIntoTheCallersFileName) {
     SDK::LoggerUtils::Log(logger, Poco::Message::PRIO_DEBUG, "dropped", kFile, 1);
     SDK::LoggerUtils::Log(logger, Poco::Message::PRIO_INFORMATION, "text", kFile, 71);
     SDK::LoggerUtils::Log(nullptr, Poco::Message::PRIO_FATAL, "nowhere", kFile, 1);
-    ASSERT_EQ(channel->messages.size(), 1u);
-    const Poco::Message& m = channel->messages[0];
+    ASSERT_EQ(channel->messages().size(), 1u);
+    const Poco::Message m = channel->messages()[0];
     EXPECT_EQ(m.getSource() + " " + m.getText() + " " + std::to_string(m.getSourceLine()), "sdk_test text 71");
     // The message keeps a bare pointer: it must point into the caller's string.
     EXPECT_EQ(m.getSourceFile(), kFile + 12);
@@ -47,8 +37,7 @@ TEST(FileUtils, ReadsWholePseudoFilesWithinTheCap) {
     EXPECT_NE(out.find('\n'), std::string::npos);
     EXPECT_EQ(SDK::FileUtils::ReadFile(online, out, 1), -2);
     EXPECT_EQ(out, "");
-    EXPECT_EQ(SDK::FileUtils::ReadFile("/tmp", out, 100), -1);  // a directory cannot be read
-    EXPECT_EQ(SDK::FileUtils::ReadFile("/nonexistent", out, 100), -1);
+    for (const char* unreadable : {"/tmp", "/nonexistent"}) EXPECT_EQ(SDK::FileUtils::ReadFile(unreadable, out, 100), -1);
 }
 
 }  // namespace

@@ -1,11 +1,15 @@
+// The CPU-list grammar and the descriptor owner, which stand alone.
+#include <fcntl.h>
 #include <gtest/gtest.h>
 #include <unistd.h>
 
 #include <climits>
 #include <fstream>
 #include <iterator>
+#include <memory>
 
 #include "CPUTopology.h"
+#include "FileDescriptor.h"
 
 namespace {
 
@@ -48,6 +52,25 @@ TEST(CPUTopologyTest, GetCPUsDropsPartialResultsAndMatchesTheKernel) {
     ::unlink(path);
     EXPECT_EQ(std::vector<int>(), CPUTopology::GetCPUs(path));
     EXPECT_EQ(static_cast<size_t>(sysconf(_SC_NPROCESSORS_ONLN)), CPUTopology::GetOnlineCPUs().size());
+}
+
+bool IsOpen(int fd) { return ::fcntl(fd, F_GETFD) != -1; }
+int OpenTemporary() { return ::open("/tmp", O_TMPFILE | O_RDWR | O_CLOEXEC, 0600); }
+
+TEST(FileDescriptorTest, MoveHandsOverAndDestructionClosesOnce) {
+    const int number = OpenTemporary();
+    auto source = std::make_unique<FileDescriptor>(number);
+    FileDescriptor(std::move(*source));  // the temporary closes it
+    EXPECT_FALSE(IsOpen(number));
+    // The freed number is taken by the next open; the moved-from handle must leave that file alone.
+    ASSERT_EQ(number, OpenTemporary());
+    source.reset();
+    EXPECT_TRUE(IsOpen(number));
+    FileDescriptor holder(number), other(OpenTemporary());
+    const int kept = other.get();
+    holder = std::move(other);  // closes what the target held
+    EXPECT_FALSE(IsOpen(number));
+    EXPECT_TRUE(kept == holder.get() && IsOpen(kept));
 }
 
 }  // namespace

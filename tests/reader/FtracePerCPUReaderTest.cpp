@@ -1,24 +1,16 @@
 // The per-CPU reader over hand-built ring-buffer pages, with real event
-// formats loaded into an Ftrace whose tracing directory is a temporary copy,
-// and over the kernel's own pages in a private instance.
+// formats loaded into an Ftrace whose tracing directory is a temporary copy.
+// The kernel's own pages are read by the task and agent tests.
 #include <fcntl.h>
 #include <gtest/gtest.h>
 #include <unistd.h>
 
-#include <chrono>
-#include <filesystem>
-#include <fstream>
 #include <memory>
-#include <sstream>
-#include <thread>
 
-#include "CPUTopology.h"
 #include "FtracePerCPUReader.h"
 #include "RingBufferPage.h"
 #include "SDK/InnerCpuCtrlUtils.h"
-#include "tracefs_shim.h"
-
-namespace fs = std::filesystem;
+#include "TestSupport.h"
 
 namespace {
 
@@ -50,24 +42,8 @@ std::string Describe(const Seen& s) {
 class FtracePerCPUReaderTest : public ::testing::Test {
 protected:
     void SetUp() override {
-        char pattern[] = "/tmp/ftrace-reader-XXXXXX";
-        ASSERT_NE(nullptr, ::mkdtemp(pattern));
-        root = pattern;
-        // An instance directory that already exists is adopted, so it can hold copied formats.
-        for (const char* name : {"sched_switch", "sched_process_exec"}) {
-            const fs::path to = root / "instances/reader_test/events/sched" / name;
-            fs::create_directories(to);
-            fs::copy_file(fs::path(FTRACE_FIXTURES_ROOT) / "events/sched" / name / "format", to / "format");
-        }
-        ASSERT_EQ(0, ftrace_shim_set_tracing_dir(root.c_str()));
-        ftrace = std::make_unique<Ftrace>("reader_test");
         ASSERT_TRUE(switch_id = ftrace->get_event("sched", "sched_switch").id());
         ASSERT_TRUE(exec_id = ftrace->get_event("sched", "sched_process_exec").id());
-    }
-    void TearDown() override {
-        ftrace.reset();
-        ftrace_shim_set_tracing_dir(nullptr);
-        fs::remove_all(root);
     }
     // Read end of a non-blocking pipe holding `bytes`; the write end stays in `writers`.
     FileDescriptor Pipe(const std::vector<uint8_t>& bytes) {
@@ -78,8 +54,9 @@ protected:
         return FileDescriptor(ends[0]);
     }
 
-    fs::path root;
-    std::unique_ptr<Ftrace> ftrace;
+    // An instance directory that already exists is adopted, so it can hold copied formats.
+    test_support::TempTracingDir tracing{"reader_test"};
+    std::unique_ptr<Ftrace> ftrace = std::make_unique<Ftrace>("reader_test");
     uint16_t switch_id = 0, exec_id = 0;
     std::vector<FileDescriptor> writers;
     const size_t page_size = static_cast<size_t>(getpagesize());
@@ -108,16 +85,53 @@ TEST_F(FtracePerCPUReaderTest, DeliversKnownRecordsAsKbufferReportsThem) {
     }
 }
 
-// The task's form: the reader's descriptor was moved out into the task's event.
+// Readers made for the instance's per_cpu files through the C entry point, a
+// CPU without one (its reader is made all the same, invalid), and the task's
+// form: the descriptor moved out into its event and passed in.
 TEST_F(FtracePerCPUReaderTest, ResultTellsPageNothingToReadOrError) {
-    FtracePerCPUReader bare(*ftrace, FileDescriptor(), 0);
-    const FileDescriptor empty_page = Pipe(RingBufferPage(42).bytes(page_size));
-    writers.clear();
+    RingBufferPage page(42);
+    page.event(1, Payload(64, switch_id));
+    std::vector<uint8_t> pages = page.bytes(page_size), empty = RingBufferPage(43).bytes(page_size);
+    pages.insert(pages.end(), empty.begin(), empty.end());
+    test_support::WriteAll(tracing.Instance("reader_test") + "/per_cpu/cpu2/trace_pipe_raw",
+                           std::string(pages.begin(), pages.end()));
+    const std::vector<int> cpus = {2, 9999};
+    std::vector<FtracePerCPUReader*> made;
+    FtracePerCPUReader::create_readers(*ftrace, cpus.begin(), cpus.end(), std::back_inserter(made));
+    const std::vector<std::unique_ptr<FtracePerCPUReader>> readers(made.begin(), made.end());
+    ASSERT_EQ(2u, readers.size());
+    EXPECT_EQ(FD_CLOEXEC, ::fcntl(readers[0]->fd().get(), F_GETFD));
+    EXPECT_FALSE(readers[1]->valid());
     std::vector<Seen> seen;
-    EXPECT_EQ(2, bare.read_once(*ftrace, empty_page.get(), Collect, &seen));  // a page, even without records
-    EXPECT_EQ(1, bare.read_once(*ftrace, empty_page.get(), Collect, &seen));  // writer gone: read gives 0
-    EXPECT_EQ(0, bare.read_once(*ftrace, Collect, &seen));                    // EBADF
-    EXPECT_TRUE(seen.empty());
+    void* words[4] = {&seen, reinterpret_cast<void*>(&Collect), readers[0].get(), ftrace.get()};
+    EXPECT_EQ(2, FtracePerCPUReader_read_once(words));
+    EXPECT_EQ(2, readers[1]->read_once(*ftrace, readers[0]->fd().get(), Collect, &seen));  // a page without records
+    EXPECT_EQ(1, FtracePerCPUReader_read_once(words));                                     // end of file
+    EXPECT_EQ(0, readers[1]->read_once(*ftrace, Collect, &seen));                          // EBADF
+    ASSERT_EQ(1u, seen.size());
+    EXPECT_EQ("sched:sched_switch cpu 2 ts 43 offset 16 missed 0 size 68/64", Describe(seen[0]));
+}
+
+// Corrupt lengths: a record that claims more than the page holds is cut at
+// the page's end; one whose length would read it again ends the page.
+TEST_F(FtracePerCPUReaderTest, CorruptLengthsAreCutOrEndThePage) {
+    // The length word counts itself: 4084 claims 4080 bytes where 4072 are left.
+    for (const uint32_t length : {4084u, 0xFFFFFFFCu}) {
+        RingBufferPage page(0);
+        page.word(1 << 5);  // type_len 0: a length word follows
+        page.word(length);
+        const auto payload = Payload(64, switch_id);
+        page.records.insert(page.records.end(), payload.begin(), payload.end());
+        FtracePerCPUReader reader(*ftrace, Pipe(page.bytes(page_size)), 0);
+        std::vector<Seen> seen;
+        const auto bounded = [](FtraceRecord& record, void* context) {
+            if (static_cast<std::vector<Seen>*>(context)->size() >= 8) throw std::runtime_error("the walk does not end");
+            Collect(record, context);
+        };
+        EXPECT_EQ(2, reader.read_once(*ftrace, bounded, &seen));
+        ASSERT_EQ(1u, seen.size()) << length;
+        EXPECT_EQ(static_cast<int>(page_size) - 24, seen[0].raw.size) << length;
+    }
 }
 
 uint64_t ThreadCpuNanos() {
@@ -167,45 +181,6 @@ TEST_F(FtracePerCPUReaderTest, ThrottleKeepsTheThreadWithinItsBudgetUntilRelease
     }
     SDK::InnerCpuCtrlUtils::Disable();
     SDK::InnerCpuCtrlUtils::SetSuggestedRunTick(saved_run_tick);
-}
-
-// The kernel's own pages: an instance of our own with sched_switch on, drained
-// through the C entry point on every online CPU. A blocking descriptor would
-// hang the drain on a quiet CPU.
-TEST(FtracePerCPUReaderKernelTest, ReadsTheKernelsPages) {
-    if (::access("/sys/kernel/tracing/instances", W_OK) != 0) GTEST_SKIP() << "no writable tracefs";
-    Ftrace ftrace("reader_test_" + std::to_string(::getpid()));
-    ASSERT_TRUE(ftrace.tracefs().IsCreated());
-    ASSERT_TRUE(ftrace.get_event("sched", "sched_switch"));
-    const std::string enable = ftrace.tracing_file("events/sched/sched_switch/enable");
-    std::ofstream(enable) << "1";
-    std::vector<int> cpus = Engine::CPUTopology::GetOnlineCPUs();
-    cpus.push_back(9999);  // no such CPU: its reader is made all the same, invalid
-    std::vector<FtracePerCPUReader*> made;
-    FtracePerCPUReader::create_readers(ftrace, cpus.begin(), cpus.end(), std::back_inserter(made));
-    const std::vector<std::unique_ptr<FtracePerCPUReader>> readers(made.begin(), made.end());
-    for (int i = 0; i < 20; ++i) std::this_thread::sleep_for(std::chrono::milliseconds(5));  // switches
-    ASSERT_EQ(cpus.size(), readers.size());
-    EXPECT_FALSE(readers.back()->valid());
-    EXPECT_EQ(0, readers.back()->read_once(ftrace, Collect, nullptr));
-    EXPECT_EQ(FD_CLOEXEC, ::fcntl(readers[0]->fd().get(), F_GETFD));
-
-    std::vector<Seen> seen;
-    for (size_t r = 0; r + 1 < readers.size(); ++r) {
-        ASSERT_TRUE(readers[r]->valid());
-        ASSERT_EQ(cpus[r], readers[r]->cpu());
-        const size_t before = seen.size();
-        void* words[4] = {&seen, reinterpret_cast<void*>(&Collect), readers[r].get(), &ftrace};
-        while (FtracePerCPUReader_read_once(words) == 2) {}
-        for (size_t i = before; i < seen.size(); ++i) EXPECT_EQ(cpus[r], seen[i].raw.cpu);
-    }
-    std::ofstream(enable) << "0";
-    ASSERT_FALSE(seen.empty());
-    for (const Seen& s : seen) {
-        EXPECT_EQ("sched:sched_switch", s.name);
-        EXPECT_GT(s.raw.ts, 0u);
-        EXPECT_GE(s.raw.size, 64);  // the format's fields end at byte 64
-    }
 }
 
 }  // namespace

@@ -4,8 +4,16 @@
 // chatty agent never blocks on a full pipe), or without one is kept whole;
 // its standard error is kept whole.
 
+#include <fcntl.h>
+#include <signal.h>
+#include <sys/mman.h>
+#include <sys/prctl.h>
+#include <sys/stat.h>
 #include <sys/types.h>
+#include <sys/wait.h>
+#include <unistd.h>
 
+#include <algorithm>
 #include <chrono>
 #include <functional>
 #include <mutex>
@@ -20,22 +28,105 @@ public:
     // Runs `wrapper` (valgrind, setpriv, env and their arguments) in front of
     // the agent when given. The agent loads the build's module directory.
     explicit AgentProcess(const std::vector<std::string>& options, LineHandler on_line = nullptr,
-                          std::vector<std::string> wrapper = {});
-    ~AgentProcess();  // SIGTERM if still running (SIGKILL after 10 s), then reaped
+                          std::vector<std::string> wrapper = {})
+        : m_stderr(memfd_create("ftrace-agent-stderr", MFD_CLOEXEC)), m_on_line(std::move(on_line)) {
+        int out[2];
+        if (m_stderr < 0 || pipe2(out, O_CLOEXEC) != 0) return;
+        // Built before fork: the child may only make async-signal-safe calls.
+        wrapper.push_back(FTRACE_BUILD_BIN_DIR "/ftrace-agent");
+        wrapper.insert(wrapper.end(), options.begin(), options.end());
+        std::vector<char*> argv;
+        for (auto& arg : wrapper) argv.push_back(arg.data());
+        argv.push_back(nullptr);
+        m_pid = fork();
+        if (m_pid == 0) {
+            dup2(out[1], STDOUT_FILENO);
+            dup2(m_stderr, STDERR_FILENO);
+            // gtest may block signals the agent waits for; a test killed on
+            // time-out still lets the agent clean tracefs up.
+            sigset_t none;
+            sigemptyset(&none);
+            sigprocmask(SIG_SETMASK, &none, nullptr);
+            prctl(PR_SET_PDEATHSIG, SIGTERM);
+            execv(argv[0], argv.data());
+            _exit(127);
+        }
+        close(out[1]);
+        if (m_pid > 0) {
+            m_reader = std::thread(&AgentProcess::ReadStdout, this, out[0]);
+        } else {
+            close(out[0]);
+        }
+    }
+    // SIGTERM if still running (SIGKILL after 10 s), then reaped.
+    ~AgentProcess() {
+        if (m_pid > 0 && !m_reaped) {
+            // A test that failed half-way: a clean stop first, so that nothing is
+            // left enabled in tracefs.
+            kill(m_pid, SIGTERM);
+            if (Wait(std::chrono::seconds(10)) < 0) kill(m_pid, SIGKILL);
+        }
+        if (m_pid > 0 && !m_reaped) waitpid(m_pid, nullptr, 0);
+        if (m_reader.joinable()) m_reader.join();
+        if (m_stderr >= 0) close(m_stderr);
+    }
     AgentProcess(const AgentProcess&) = delete;
     AgentProcess& operator=(const AgentProcess&) = delete;
 
     pid_t Pid() const { return m_pid; }
-    void Signal(int signal_number) const;
+    void Signal(int signal_number) const {
+        if (m_pid > 0 && !m_reaped) kill(m_pid, signal_number);
+    }
     // Exit status (128 + signal when killed by one), or -1 while it still
     // runs after `timeout`; once it ended, its output is read to the end.
-    int Wait(std::chrono::milliseconds timeout);
+    int Wait(std::chrono::milliseconds timeout) {
+        const auto deadline = std::chrono::steady_clock::now() + timeout;
+        while (m_pid > 0 && !m_reaped) {
+            int status = 0;
+            if (waitpid(m_pid, &status, WNOHANG) == m_pid) {
+                m_reaped = true;
+                m_status = WIFEXITED(status) ? WEXITSTATUS(status) : 128 + WTERMSIG(status);
+            } else if (std::chrono::steady_clock::now() >= deadline) {
+                return -1;
+            } else {
+                std::this_thread::sleep_for(std::chrono::milliseconds(10));
+            }
+        }
+        if (m_reader.joinable()) m_reader.join();
+        return m_status;
+    }
     bool Running() { return Wait(std::chrono::milliseconds(0)) < 0; }
-    std::string Stdout();
-    std::string Stderr() const;
+    std::string Stdout() {
+        std::lock_guard<std::mutex> lock(m_mutex);
+        return m_stdout;
+    }
+    std::string Stderr() const {
+        struct stat st {};
+        std::string text(fstat(m_stderr, &st) == 0 ? static_cast<size_t>(st.st_size) : 0, '\0');
+        text.resize(static_cast<size_t>(std::max<ssize_t>(pread(m_stderr, text.data(), text.size(), 0), 0)));
+        return text;
+    }
 
 private:
-    void ReadStdout(int fd);
+    void ReadStdout(int fd) {
+        std::string pending;
+        char buffer[1 << 16];
+        for (ssize_t n; (n = read(fd, buffer, sizeof buffer)) != 0;) {
+            if (n < 0 && errno == EINTR) continue;
+            if (n < 0) break;
+            if (!m_on_line) {
+                std::lock_guard<std::mutex> lock(m_mutex);
+                m_stdout.append(buffer, static_cast<size_t>(n));
+                continue;
+            }
+            pending.append(buffer, static_cast<size_t>(n));
+            size_t start = 0;
+            for (size_t eol; (eol = pending.find('\n', start)) != std::string::npos; start = eol + 1)
+                m_on_line(pending.data() + start, eol - start);
+            pending.erase(0, start);
+        }
+        close(fd);
+    }
 
     pid_t m_pid = -1;
     int m_status = -1;

@@ -3,10 +3,6 @@
 // No invalid access and no definite leak; tests/valgrind.supp names the one
 // deliberate exception.
 
-#include <signal.h>
-
-#include <string>
-
 #include "TracefsTest.h"
 
 namespace {

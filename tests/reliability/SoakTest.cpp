@@ -9,16 +9,7 @@
 // for ten minutes); FTRACE_SOAK_SPAWN_RATE, FTRACE_SOAK_STORM_LOOPS and
 // FTRACE_SOAK_STORM_PAUSE_MS shape the load.
 
-#include <signal.h>
-
-#include <algorithm>
-#include <chrono>
-#include <cstdlib>
-#include <fstream>
 #include <iostream>
-#include <string>
-#include <thread>
-#include <vector>
 
 #include "SchedulerStorm.h"
 #include "TracefsTest.h"
@@ -28,10 +19,8 @@ namespace {
 using Clock = std::chrono::steady_clock;
 
 double Setting(const char* name, double fallback) {
-    const char* text = std::getenv(name);
-    char* end = nullptr;
-    const double value = text != nullptr ? std::strtod(text, &end) : 0;
-    return end != text && *end == '\0' && value > 0 ? value : fallback;
+    const double value = std::getenv(name) ? std::atof(std::getenv(name)) : 0;
+    return value > 0 ? value : fallback;
 }
 
 long ResidentKb(pid_t pid) {
@@ -55,14 +44,14 @@ TEST_F(AgentSoakTest, UnderLoadNothingIsLostUnreportedAndMemoryStaysFlat) {
     // pages back at once. glibc keeps the pages of the largest backlog of
     // messages seen so far, which says nothing about leaks.
     const bool measure_memory = !FTRACE_SOAK_SANITIZED && *FTRACE_SOAK_JEMALLOC != '\0';
-    std::vector<std::string> wrapper;
-    if (measure_memory)
-        wrapper = {"/usr/bin/env", "LD_PRELOAD=" FTRACE_SOAK_JEMALLOC, "MALLOC_CONF=dirty_decay_ms:0,muzzy_decay_ms:0"};
     PrintedEvents printed;
     AgentProcess agent({"--events=sched:sched_process_exec,sched:sched_process_fork,sched:sched_process_exit,"
                         "sched:sched_switch",
                         "--format=json", "--log-level=warning"},
-                       [&](const char* line, size_t length) { printed.Line(line, length); }, wrapper);
+                       [&](const char* line, size_t length) { printed.Line(line, length); },
+                       measure_memory ? std::vector<std::string>{"/usr/bin/env", "LD_PRELOAD=" FTRACE_SOAK_JEMALLOC,
+                                                                 "MALLOC_CONF=dirty_decay_ms:0,muzzy_decay_ms:0"}
+                                      : std::vector<std::string>{});
     if (!WaitUntilTracing(agent, "sched_switch", 60)) return;
 
     // It rises and falls with the backlog of messages on their way to the

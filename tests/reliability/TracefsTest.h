@@ -5,44 +5,93 @@
 // set_event must be as they were; a ZEV left behind is reported, then removed.
 
 #include <gtest/gtest.h>
-
-#include <cstdint>
-#include <functional>
-#include <set>
-#include <string>
+#include <spawn.h>
+#include <sys/file.h>
 
 #include "AgentProcess.h"
+#include "InstanceLossReader.h"
 #include "PrintedEvents.h"
+#include "TestSupport.h"
+
+using test_support::WaitFor;
 
 class TracefsTest : public ::testing::Test {
 protected:
-    static const std::string kTracing;  // /sys/kernel/tracing
-    static const std::string kZev;      // its instance ZEV
+    static inline const std::string kTracing = "/sys/kernel/tracing";
+    static inline const std::string kZev = kTracing + "/instances/ZEV";
 
-    void SetUp() override;
-    void TearDown() override;
+    void SetUp() override {
+        if (geteuid() != 0 || access(kTracing.c_str(), W_OK) != 0) GTEST_SKIP() << "needs root and tracefs";
+        const int lock = open("/run/ftrace-agent.ZEV.lock", O_RDONLY | O_CLOEXEC);
+        const bool agent_running = lock >= 0 && flock(lock, LOCK_EX | LOCK_NB) != 0;
+        if (lock >= 0) close(lock);
+        if (agent_running) GTEST_SKIP() << "an ftrace-agent is running on this host and owns ZEV";
+        ASSERT_FALSE(ZevExists()) << "instance ZEV is in use by someone else";
+        m_instances = Instances();
+        m_set_event = Read(kTracing + "/set_event");
+        m_ready = true;
+    }
+    void TearDown() override {
+        if (!m_ready) return;
+        EXPECT_EQ(Instances(), m_instances);
+        EXPECT_EQ(Read(kTracing + "/set_event"), m_set_event);
+        RemoveZev();
+    }
 
-    static std::string Read(const std::string& path);
-    static std::set<std::string> Instances();
+    static std::string Read(const std::string& path) { return test_support::ReadAll(path); }
+    static std::set<std::string> Instances() {
+        std::set<std::string> names;
+        std::error_code error;
+        for (const auto& entry : std::filesystem::directory_iterator(kTracing + "/instances", error))
+            names.insert(entry.path().filename());
+        return names;
+    }
     static bool ZevExists() { return Instances().count("ZEV") != 0; }
     // Events off first, so that nothing keeps tracing should rmdir fail
     // (as it does while a pipe is open); true when ZEV is gone.
-    static bool RemoveZev();
+    static bool RemoveZev() {
+        if (!ZevExists()) return true;
+        std::ofstream(kZev + "/events/enable") << "0";
+        rmdir(kZev.c_str());
+        return !ZevExists();
+    }
     // "1" or "0" of ZEV's events/sched/<event>/enable, "" when unreadable.
-    static std::string Enabled(const std::string& sched_event);
-    static bool WaitFor(const std::function<bool()>& done, int seconds);
-    // Events the kernel could not keep in ZEV's buffers: "overrun", "commit
-    // overrun" and "dropped events" summed over per_cpu/cpuN/stats.
-    static uint64_t ZevLost();
-
+    static std::string Enabled(const std::string& sched_event) {
+        return Read(kZev + "/events/sched/" + sched_event + "/enable").substr(0, 1);
+    }
+    // Events the kernel could not keep in ZEV's buffers, as the agent reports them.
+    static uint64_t ZevLost() {
+        const Agent::KernelLoss loss = Agent::InstanceLossReader::Read(kZev);
+        return loss.overrun + loss.dropped_events;
+    }
     // Runs /bin/true (or a copy of it at `path`) to its end; its pid, -1 on failure.
-    static pid_t SpawnTrue(const char* path = "/bin/true");
+    static pid_t SpawnTrue(const char* path = "/bin/true") {
+        pid_t pid = -1;
+        char* argv[] = {const_cast<char*>(path), nullptr};
+        int status = -1;
+        if (posix_spawn(&pid, argv[0], nullptr, nullptr, argv, environ) != 0 || waitpid(pid, &status, 0) != pid) return -1;
+        return status == 0 ? pid : -1;
+    }
     // Until `agent` switched sched_event on in ZEV. Otherwise the test is
     // skipped when another agent took ZEV first, else failed.
-    bool WaitUntilTracing(AgentProcess& agent, const std::string& sched_event, int seconds = 30);
+    bool WaitUntilTracing(AgentProcess& agent, const std::string& sched_event, int seconds = 30) {
+        if (WaitFor([&] { return Enabled(sched_event) == "1"; }, seconds)) return true;
+        agent.Wait(std::chrono::seconds(1));
+        if (agent.Stderr().find("in use by another ftrace-agent") != std::string::npos) {
+            [&] { GTEST_SKIP() << agent.Stderr(); }();
+        } else {
+            ADD_FAILURE() << sched_event << " was not switched on in ZEV:\n" << agent.Stderr();
+        }
+        return false;
+    }
     // Runs /bin/true until `printed` shows one child's exec and exit: an
     // agent whose events are on may not have subscribed yet.
-    static bool TraceAChild(const PrintedEvents& printed, int seconds);
+    static bool TraceAChild(const PrintedEvents& printed, int seconds) {
+        return WaitFor([&] {
+            const pid_t child = SpawnTrue();
+            return WaitFor([&] { return printed.Printed(child, true) && printed.Printed(child, false); }, 3);
+        }, seconds);
+    }
 
 private:
     std::set<std::string> m_instances;

@@ -1,79 +1,17 @@
 #pragma once
-// Shared helpers of the task tests: the "ftrace" logger's lines, a subscriber
-// task, and small tracefs file helpers.
+// The task tests' subscribers.
 
-#include <Poco/AutoPtr.h>
-#include <Poco/Channel.h>
-#include <Poco/Logger.h>
-#include <Poco/Message.h>
-
-#include <chrono>
-#include <fstream>
-#include <functional>
 #include <memory>
-#include <mutex>
-#include <sstream>
-#include <string>
-#include <thread>
-#include <vector>
 
 #include "Framework/Task.h"
 #include "FtraceMessage.h"
-#include "SDK/LoggerUtils.h"
+#include "TestSupport.h"
 
 namespace tasktest {
 
-// "<priority> <text>" of every line a logger hands it, from any thread.
-class CapturingChannel : public Poco::Channel {
-public:
-    void log(const Poco::Message& msg) override {
-        std::lock_guard<std::mutex> lock(m_mutex);
-        m_lines.push_back(std::to_string(msg.getPriority()) + " " + msg.getText());
-    }
-    std::vector<std::string> lines(bool clear = false) {
-        std::lock_guard<std::mutex> lock(m_mutex);
-        std::vector<std::string> copy = m_lines;
-        if (clear) m_lines.clear();
-        return copy;
-    }
+using test_support::CaptureFtraceLog;
 
-private:
-    std::mutex m_mutex;
-    std::vector<std::string> m_lines;
-};
-
-// Creates the "ftrace" logger (the module logs nothing without it), admitting
-// lines up to `level`, into a new capturing channel.
-inline Poco::AutoPtr<CapturingChannel> CaptureFtraceLog(int level) {
-    Poco::AutoPtr<CapturingChannel> channel(new CapturingChannel);
-    Poco::Logger* logger = SDK::LoggerUtils::GetInstance()->GetModuleLogger("ftrace", true);
-    logger->setChannel(channel);
-    logger->setLevel(level);
-    return channel;
-}
-
-inline std::string ReadText(const std::string& path) {
-    std::ifstream in(path);
-    std::stringstream text;
-    text << in.rdbuf();
-    return text.str();
-}
-
-const std::string kInstanceDir = "/sys/kernel/tracing/instances/ZEV";
-
-inline std::string EnableState(const std::string& system, const std::string& event) {
-    return ReadText(kInstanceDir + "/events/" + system + "/" + event + "/enable").substr(0, 1);
-}
-
-inline bool WaitFor(const std::function<bool()>& done) {
-    const auto deadline = std::chrono::steady_clock::now() + std::chrono::seconds(10);
-    while (!done()) {
-        if (std::chrono::steady_clock::now() > deadline) return false;
-        std::this_thread::sleep_for(std::chrono::milliseconds(20));
-    }
-    return true;
-}
-
+// A task that is no trace-message receiver.
 class PlainTask : public Framework::Task {
 public:
     explicit PlainTask(const std::string& name)
@@ -81,17 +19,24 @@ public:
     int Run() override { return 0; }
 };
 
-// A task that implements the trace-message receiver and keeps every trace
-// message it is handed (by shared owner, so that addresses stay comparable).
+// A trace-message receiver. A steady one serves its queue and keeps every
+// message (by shared owner, so that addresses stay comparable); a stopped one
+// ends its Run at once but stays registered; a deaf one never reads its queue.
 class Subscriber : public Framework::Task, public Engine::AbstructMessage<Engine::FtraceMessage>::Receiver {
 public:
-    explicit Subscriber(const std::string& name)
-        : Framework::Task(name, "test_feature", Framework::TaskCondition::TASK_TYPE_NORMAL, 1024) {}
+    enum class Kind { Steady, Stopped, Deaf };
+    explicit Subscriber(const std::string& name, Kind kind = Kind::Steady, unsigned int slots = 4096)
+        : Framework::Task(name, "test_feature", Framework::TaskCondition::TASK_TYPE_NORMAL, slots), m_kind(kind) {}
 
     int Run() override {
-        while (state() != Poco::Task::TASK_CANCELLING) {
-            if (MessageEmpty()) GetEventWaiter().WaitAndHandleEvent(100, 16);
-            BulkConsumeMsg(256);
+        while (m_kind != Kind::Stopped && state() != Poco::Task::TASK_CANCELLING) {
+            if (m_kind == Kind::Deaf) {
+                std::this_thread::sleep_for(std::chrono::milliseconds(20));
+            } else if (MessageEmpty()) {
+                GetEventWaiter().WaitAndHandleEvent(100, 16);
+            } else {
+                BulkConsumeMsg(256);
+            }
         }
         return 0;
     }
@@ -111,8 +56,13 @@ public:
             if (match(*message)) return message;
         return nullptr;
     }
+    size_t Count() {
+        std::lock_guard<std::mutex> lock(m_mutex);
+        return m_received.size();
+    }
 
 private:
+    const Kind m_kind;
     std::shared_ptr<Engine::FtraceMessage> m_current;
     std::mutex m_mutex;
     std::vector<std::shared_ptr<Engine::FtraceMessage>> m_received;

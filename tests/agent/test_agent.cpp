@@ -1,21 +1,9 @@
 // ftrace-agent run as a user runs it: a child process on the real kernel.
 
-#include <fcntl.h>
-#include <signal.h>
-#include <sys/file.h>
 #include <sys/socket.h>
-#include <sys/stat.h>
-#include <sys/wait.h>
-#include <unistd.h>
 
-#include <algorithm>
 #include <cstdio>
-#include <filesystem>
-#include <fstream>
 #include <regex>
-#include <string>
-#include <thread>
-#include <vector>
 
 #include "TracefsTest.h"
 

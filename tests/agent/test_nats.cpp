@@ -5,16 +5,9 @@
 #include <arpa/inet.h>
 #include <nats/nats.h>
 #include <netinet/in.h>
-#include <signal.h>
-#include <sys/prctl.h>
 #include <sys/socket.h>
-#include <sys/wait.h>
-#include <unistd.h>
 
-#include <atomic>
-#include <fstream>
 #include <regex>
-#include <thread>
 
 #include "TracefsTest.h"
 

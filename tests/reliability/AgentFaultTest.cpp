@@ -2,17 +2,9 @@
 // stopped by the end of --duration right after a burst of execs, or by
 // SIGTERM in the middle of a scheduler storm.
 
-#include <signal.h>
-
-#include <algorithm>
-#include <chrono>
-#include <fstream>
 #include <iostream>
 #include <memory>
 #include <regex>
-#include <string>
-#include <thread>
-#include <vector>
 
 #include "SchedulerStorm.h"
 #include "TracefsTest.h"

@@ -173,7 +173,8 @@ TEST_F(NatsTest, PublishedMessagesAreStoredOrCountedThroughOutages) {
         ASSERT_TRUE(servers.WaitReady());
         AgentProcess agent({"--output=" + servers.Urls(), "--nats-stream=FTRACE",
                             "--nats-replicas=" + std::to_string(c.nodes), "--nats-buffer=" + std::string(c.buffer)});
-        if (!WaitUntilTracing(agent, "sched_process_exec")) break;
+        // The last of the three events to go on: every child has its exec and exit.
+        if (!WaitUntilTracing(agent, "sched_process_exit")) break;
         std::atomic<bool> spawning{true};
         std::vector<pid_t> pids;
         std::thread spawner([&] {

@@ -2,7 +2,6 @@
 // a message, and the kernel's loss counters read from an instance's per_cpu
 // stats into the summary.
 #include <gtest/gtest.h>
-#include <stdlib.h>
 
 #include "AgentOptions.h"
 #include "FtraceMessage.h"

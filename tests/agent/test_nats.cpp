@@ -4,8 +4,6 @@
 
 #include <arpa/inet.h>
 #include <nats/nats.h>
-#include <netinet/in.h>
-#include <sys/socket.h>
 
 #include <regex>
 
@@ -238,7 +236,6 @@ TEST_F(NatsTest, BadConfigurationIsRefusedWithOneLine) {
     const std::string wrong = "/tmp/ftrace-nats-wrong-" + std::to_string(getpid());
     std::ofstream(wrong) << "agent:not-the-password\n";
     const std::string nobody = NatsTest::NatsServers::Url(FreePort());
-    const std::string host = HostToken();
     const struct {
         std::vector<std::string> options;
         std::string stderr_text;
@@ -254,7 +251,7 @@ TEST_F(NatsTest, BadConfigurationIsRefusedWithOneLine) {
              " refused the credentials (Authorization Violation): check --nats-creds, --nats-token-file or "
              "--nats-user-file\n"},
         {{"--output=" + open_server.Urls()},
-         "NATS at " + open_server.Urls() + " has no stream for the subjects ftrace." + host +
+         "NATS at " + open_server.Urls() + " has no stream for the subjects ftrace." + HostToken() +
              ".>: give --nats-stream=NAME to create one, or create one that takes them\n"},
     };
     for (const auto& c : cases) {

@@ -1,8 +1,6 @@
 // SDK utilities: the logging recipe (filtering and message fields) and
 // whole-file reads of pseudo files. The CPU budget is checked where the
 // reader applies it.
-#include <Poco/AutoPtr.h>
-#include <Poco/Logger.h>
 #include <gtest/gtest.h>
 
 #include "SDK/FileUtils.h"

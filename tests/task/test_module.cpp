@@ -6,7 +6,6 @@
 // off behind the module's back. Also the declining path and the library's
 // dynamic section, which the agent's loader relies on.
 
-#include <chrono>
 #include <cstdio>
 #include <iostream>
 

@@ -3,8 +3,6 @@
 // the task), what it logs and returns, and what the registry holds
 // afterwards; the pid filter as the kernel takes it; and how much one drain
 // of a CPU reads.
-#include <fcntl.h>
-#include <unistd.h>
 
 #include "FtraceTask.h"
 #include "FtraceWatchMessage.h"

@@ -79,14 +79,6 @@ void WarnIfOthersCanWrite(const std::string& path) {
     }
 }
 
-// An open control file keeps the kernel from removing its instance: the
-// stream is closed again before this returns.
-bool HasLine(const std::string& path) {
-    std::ifstream in(path);
-    std::string line;
-    return std::getline(in, line) && !line.empty();
-}
-
 // Shared objects of `dir` other than `skip`, in name order; false, with the
 // reason, when the directory cannot be listed.
 bool SharedObjects(const std::string& dir, const std::string& skip, std::vector<std::string>* names,
@@ -509,11 +501,7 @@ int FtraceAgent::Trace() {
     // Adopts the instance the module created; it stays the module's to remove.
     m_instance = std::make_unique<Ftrace>(kInstanceName);
     if (!m_instance->tracefs().IsValid()) return Fail(kNoTracingLine);
-    // The run's pid filter is exactly --pid; an adopted instance may still hold
-    // the filter of a run that was killed, which would hide every event.
-    if (m_options.pids.empty() && HasLine(m_instance->tracing_file("set_event_pid"))) {
-        Log(Poco::Message::PRIO_WARNING, "clearing the pid filter (set_event_pid) left in instance ZEV", __LINE__);
-    }
+    // The run's pid filter is exactly --pid.
     m_pid_filter.Apply(*m_instance, m_options.pids);
 
     std::vector<std::string> names;

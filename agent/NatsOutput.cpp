@@ -14,9 +14,12 @@
 namespace Agent {
 namespace {
 
-constexpr uint64_t kWindow = 4096;    // messages published and not yet acknowledged
-constexpr size_t kBatch = 256;        // messages handed to the publisher at once
-constexpr int64_t kAckWaitMs = 5000;  // then a publish counts as failed and is sent again
+constexpr size_t kWindow = 4096;  // messages published and not yet acknowledged
+constexpr size_t kBatch = 256;    // messages handed to the publisher at once
+constexpr auto kAckWait = std::chrono::seconds(5);  // then a publish counts as failed and is sent again
+// Acknowledgements are read this often while some are awaited: waiting for
+// each one would cost a wake-up per message.
+constexpr auto kAckPoll = std::chrono::milliseconds(1);
 constexpr auto kStartTry = std::chrono::seconds(3);
 constexpr auto kDrainAtStop = std::chrono::seconds(5);
 const char* const kMsgIdHeader = "Nats-Msg-Id";
@@ -63,14 +66,29 @@ std::string Join(const std::vector<std::string>& items) {
     return text;
 }
 
-// JetStream answers these while a stream's leader moves or the servers are
-// away; anything else (a message too large, a sealed stream) will not change.
-bool IsTransient(const jsPubAckErr* error) {
-    return error->ErrCode != JSStreamMessageExceedsMaximumErr && error->ErrCode != JSStreamSealedErr &&
-           error->Err != NATS_MAX_PAYLOAD;
+// JetStream answers errors while a stream's leader moves or the servers are
+// away; these (a message too large, a sealed stream) will not change.
+bool IsPermanent(long error_code) {
+    return error_code == JSStreamMessageExceedsMaximumErr || error_code == JSStreamSealedErr;
+}
+
+// A JetStream publish answer: {"stream":"S","seq":N[,"duplicate":true]} once
+// stored (a duplicate is stored under its first copy), or
+// {"error":{"code":C,"err_code":E,"description":"..."}}. Returns 0 when
+// stored, else the error's err_code (-1 when it has none).
+long AnswerError(const char* data, int length) {
+    const std::string answer(data, static_cast<size_t>(length));
+    if (answer.find("\"error\":{") == std::string::npos) return answer.find("\"seq\":") != std::string::npos ? 0 : -1;
+    const auto code = answer.find("\"err_code\":");
+    return code == std::string::npos ? -1 : std::strtol(answer.c_str() + code + 11, nullptr, 10);
 }
 
 }  // namespace
+
+// What a buffered message holds in memory, which --nats-buffer=N MiB bounds.
+size_t NatsOutput::Footprint(const Entry& entry) {
+    return sizeof(Entry) + entry.data.capacity();
+}
 
 NatsOutput::NatsOutput(const NatsSettings& settings, const EventFieldTypes& types)
     : m_settings(settings), m_formatter(types), m_host(HostToken()) {
@@ -237,29 +255,32 @@ void NatsOutput::Start() {
         return;  // what arrives waits in the buffer and is counted at stop
     }
     if (status == NATS_OK) OnConnected(m_connection, this);
-    jsOptions options;
-    jsOptions_Init(&options);
-    // Above the window, so the client itself never makes the publisher wait.
-    options.PublishAsync.MaxPending = 2 * kWindow;
-    options.PublishAsync.AckHandler = &NatsOutput::OnAck;
-    options.PublishAsync.AckHandlerClosure = this;
-    if (natsConnection_JetStream(&m_js, m_connection, &options) != NATS_OK) {
-        Log(Poco::Message::PRIO_ERROR, "no JetStream context: " + LastError(NATS_ERR), __LINE__);
+    natsInbox* inbox = nullptr;
+    if (natsInbox_Create(&inbox) == NATS_OK) m_inbox = std::string(inbox) + ".";
+    natsInbox_Destroy(inbox);
+    // The client renews the subscription on every reconnect.
+    if (m_inbox.empty() || natsConnection_SubscribeSync(&m_acks, m_connection, (m_inbox + "*").c_str()) != NATS_OK) {
+        Log(Poco::Message::PRIO_ERROR, "cannot subscribe to NATS acknowledgements: " + LastError(NATS_ERR), __LINE__);
         return;
     }
+    natsSubscription_SetPendingLimits(m_acks, -1, -1);  // the window bounds them
     m_publisher = std::thread(&NatsOutput::Publish, this);
 }
 
 void NatsOutput::Write(const Engine::FtraceMessage& message) {
-    Entry entry;
-    // system:event becomes the subject's last two tokens.
-    entry.subject = m_settings.subject_prefix + "." + m_host + "." + message.name();
-    const auto colon = entry.subject.rfind(':');
-    if (colon != std::string::npos) entry.subject[colon] = '.';
-    entry.id = m_id_prefix + std::to_string(++m_sequence);
-    entry.data.reserve(512);  // a sched_switch object is about 350 bytes: one allocation, not five
-    m_formatter.AppendJson(entry.data, message);
-    m_batch.push_back(std::move(entry));
+    auto subject = m_subjects.find(message.name());
+    if (subject == m_subjects.end()) {
+        // system:event becomes the subject's last two tokens.
+        std::string text = m_settings.subject_prefix + "." + m_host + "." + message.name();
+        const auto colon = text.rfind(':');
+        if (colon != std::string::npos) text[colon] = '.';
+        subject = m_subjects.emplace(message.name(), std::move(text)).first;
+    }
+    // Formatted into a reused buffer, then kept in a string of its own size:
+    // the buffer may hold hundreds of thousands of them.
+    m_scratch.clear();
+    m_formatter.AppendJson(m_scratch, message);
+    m_batch.push_back({&subject->second, ++m_sequence, m_scratch});
     if (m_batch.size() >= kBatch) Flush();
 }
 
@@ -271,7 +292,7 @@ bool NatsOutput::Flush() {
         was_empty = m_queue.empty();
         m_counts.published += m_batch.size();
         for (auto& entry : m_batch) {
-            m_queue_bytes += entry.data.size();
+            m_queue_bytes += Footprint(entry);
             m_queue.push_back(std::move(entry));
         }
         TrimBuffer();
@@ -284,14 +305,14 @@ bool NatsOutput::Flush() {
 void NatsOutput::TrimBuffer() {
     while ((m_settings.buffer_messages != 0 && m_queue.size() > m_settings.buffer_messages) ||
            (m_settings.buffer_bytes != 0 && m_queue_bytes > m_settings.buffer_bytes)) {
-        m_queue_bytes -= m_queue.front().data.size();
+        m_queue_bytes -= Footprint(m_queue.front());
         m_queue.pop_front();
         ++m_counts.buffer_full;
     }
 }
 
 void NatsOutput::Requeue(Entry entry) {
-    m_queue_bytes += entry.data.size();
+    m_queue_bytes += Footprint(entry);
     m_queue.push_front(std::move(entry));
     ++m_counts.retried;
     TrimBuffer();
@@ -301,77 +322,115 @@ void NatsOutput::Publish() {
     std::unique_lock<std::mutex> lock(m_mutex);
     std::vector<Entry> sending;
     for (;;) {
+        lock.unlock();
+        TakeAcknowledgements();
+        lock.lock();
         if (m_stopping &&
-            ((m_queue.empty() && m_in_flight == 0) || std::chrono::steady_clock::now() >= m_stop_deadline)) {
+            ((m_queue.empty() && m_in_flight.empty()) || std::chrono::steady_clock::now() >= m_stop_deadline)) {
             break;
         }
-        if (!m_connected || m_queue.empty() || m_in_flight >= kWindow) {
-            m_wake.wait_for(lock, std::chrono::milliseconds(50));
+        if (!m_connected || m_queue.empty() || m_in_flight.size() >= kWindow) {
+            // The subscriber wakes an idle publisher when it queues.
+            m_wake.wait_for(lock, m_in_flight.empty() ? std::chrono::milliseconds(50) : kAckPoll);
             continue;
         }
-        while (!m_queue.empty() && m_in_flight < kWindow) {
-            m_queue_bytes -= m_queue.front().data.size();
+        while (!m_queue.empty() && m_in_flight.size() + sending.size() < kWindow) {
+            m_queue_bytes -= Footprint(m_queue.front());
             sending.push_back(std::move(m_queue.front()));
             m_queue.pop_front();
-            ++m_in_flight;
         }
         lock.unlock();
-        size_t sent = 0;
-        for (; sent < sending.size(); ++sent) {
-            const Entry& entry = sending[sent];
-            natsMsg* msg = nullptr;
-            natsStatus status = natsMsg_Create(&msg, entry.subject.c_str(), nullptr, entry.data.data(),
-                                               static_cast<int>(entry.data.size()));
-            if (status == NATS_OK) status = natsMsgHeader_Set(msg, kMsgIdHeader, entry.id.c_str());
-            jsPubOptions options;
-            jsPubOptions_Init(&options);
-            options.MaxWait = kAckWaitMs;
-            if (status == NATS_OK) status = js_PublishMsgAsync(m_js, &msg, &options);
-            if (status != NATS_OK) {
-                natsMsg_Destroy(msg);
-                break;
-            }
-        }
+        const bool refused = !Send(sending);
         lock.lock();
-        // What the client would not take (it is closing or its buffer is
-        // full) goes back to the front, in order, and is sent again.
-        for (size_t i = sending.size(); i > sent; --i) {
-            --m_in_flight;
-            Requeue(std::move(sending[i - 1]));
-        }
-        const bool refused = sent < sending.size();
+        // What the client would not take (it is closing or its reconnect
+        // buffer is full) goes back to the front, in order, and is sent again.
+        for (auto entry = sending.rbegin(); entry != sending.rend(); ++entry) Requeue(std::move(*entry));
         sending.clear();
         if (refused) m_wake.wait_for(lock, std::chrono::milliseconds(50));
     }
 }
 
-void NatsOutput::OnAck(jsCtx*, natsMsg* msg, jsPubAck* ack, jsPubAckErr* error, void* closure) {
-    auto* self = static_cast<NatsOutput*>(closure);
-    if (ack != nullptr) {
-        self->m_acknowledged.fetch_add(1, std::memory_order_relaxed);
-        const uint64_t left = self->m_in_flight.fetch_sub(1) - 1;
+bool NatsOutput::Send(std::vector<Entry>& sending) {
+    std::string reply = m_inbox;
+    std::string id = m_id_prefix;
+    size_t sent = 0;
+    natsStatus status = NATS_OK;
+    for (; sent < sending.size(); ++sent) {
+        Entry& entry = sending[sent];
+        reply.resize(m_inbox.size());
+        reply += std::to_string(m_first_reply + m_in_flight.size());
+        id.resize(m_id_prefix.size());
+        id += std::to_string(entry.sequence);
+        natsMsg* msg = nullptr;
+        status = natsMsg_Create(&msg, entry.subject->c_str(), reply.c_str(), entry.data.data(),
+                                static_cast<int>(entry.data.size()));
+        if (status == NATS_OK) status = natsMsgHeader_Set(msg, kMsgIdHeader, id.c_str());
+        if (status == NATS_OK) status = natsConnection_PublishMsg(m_connection, msg);
         natsMsg_Destroy(msg);
-        // The publisher waits for half the window, or for the last one at stop.
-        if (left == kWindow / 2 || left == 0) {
-            { std::lock_guard<std::mutex> lock(self->m_mutex); }
-            self->m_wake.notify_all();
+        if (status == NATS_MAX_PAYLOAD) {
+            std::lock_guard<std::mutex> lock(m_mutex);
+            ++m_counts.refused;  // larger than the servers take: sending it again would not help
+            continue;
         }
-        return;
+        if (status != NATS_OK) break;
+        m_in_flight.push_back({std::move(entry), std::chrono::steady_clock::now()});
     }
-    {
-        std::lock_guard<std::mutex> lock(self->m_mutex);
-        --self->m_in_flight;
-        if (error != nullptr && IsTransient(error)) {
-            const char* id = nullptr;
-            natsMsgHeader_Get(msg, kMsgIdHeader, &id);
-            self->Requeue({natsMsg_GetSubject(msg), id ? id : "",
-                           std::string(natsMsg_GetData(msg), static_cast<size_t>(natsMsg_GetDataLength(msg)))});
-        } else {
-            ++self->m_counts.refused;
+    sending.erase(sending.begin(), sending.begin() + static_cast<std::ptrdiff_t>(sent));
+    return status == NATS_OK || status == NATS_MAX_PAYLOAD;
+}
+
+void NatsOutput::TakeAcknowledgements() {
+    uint64_t acknowledged = 0;
+    uint64_t refused = 0;
+    bool resend = false;
+    natsMsg* msg = nullptr;
+    for (;;) {
+        // No wait: an empty queue ends the batch. A "no responders" status
+        // (no stream leader just now) does not say for which message; that
+        // one is sent again when its wait runs out.
+        const natsStatus status = natsSubscription_NextMsg(&msg, m_acks, 0);
+        if (status == NATS_NO_RESPONDERS || status == NATS_SLOW_CONSUMER) continue;
+        if (status != NATS_OK) break;
+        const char* dot = std::strrchr(natsMsg_GetSubject(msg), '.');
+        const uint64_t reply = dot != nullptr ? std::strtoull(dot + 1, nullptr, 10) : 0;
+        // Answers to a message already taken back for resending are stale.
+        if (reply >= m_first_reply && reply - m_first_reply < m_in_flight.size() &&
+            !m_in_flight[reply - m_first_reply].answered) {
+            InFlight& message = m_in_flight[reply - m_first_reply];
+            message.answered = true;
+            const long error = AnswerError(natsMsg_GetData(msg), natsMsg_GetDataLength(msg));
+            if (error != 0 && !IsPermanent(error)) {
+                message.resend = resend = true;
+            } else {
+                ++(error == 0 ? acknowledged : refused);
+                std::string().swap(message.entry.data);  // freed now, not once the front is answered
+            }
+        }
+        natsMsg_Destroy(msg);
+    }
+    // Unanswered for too long: lost with a connection, or the server is overloaded.
+    const auto expired = std::chrono::steady_clock::now() - kAckWait;
+    for (auto& message : m_in_flight) {
+        if (message.sent > expired) break;
+        if (!message.answered) message.answered = message.resend = resend = true;
+    }
+    std::vector<Entry> again;
+    if (resend) {
+        for (auto& message : m_in_flight) {
+            if (message.resend) again.push_back(std::move(message.entry));
+            message.resend = false;
         }
     }
-    natsMsg_Destroy(msg);
-    self->m_wake.notify_all();
+    while (!m_in_flight.empty() && m_in_flight.front().answered) {
+        m_in_flight.pop_front();
+        ++m_first_reply;
+    }
+    if (acknowledged != 0) m_acknowledged.fetch_add(acknowledged, std::memory_order_relaxed);
+    if (again.empty() && refused == 0) return;
+    std::lock_guard<std::mutex> lock(m_mutex);
+    m_counts.refused += refused;
+    // Sent again in their first order, ahead of what waits.
+    for (auto entry = again.rbegin(); entry != again.rend(); ++entry) Requeue(std::move(*entry));
 }
 
 void NatsOutput::OnDisconnected(natsConnection*, void* closure) {
@@ -412,17 +471,18 @@ void NatsOutput::Finish() {
         std::lock_guard<std::mutex> lock(m_mutex);
         m_connected = false;  // no warning for our own close
     }
-    if (m_js != nullptr) jsCtx_Destroy(m_js);
+    natsSubscription_Destroy(m_acks);
     if (m_connection != nullptr) natsConnection_Destroy(m_connection);
-    m_js = nullptr;
+    m_acks = nullptr;
     m_connection = nullptr;
-    // Callbacks still under way end here; after it the counts are final.
+    // Callbacks still under way end here.
     nats_CloseAndWait(5000);
     std::lock_guard<std::mutex> lock(m_mutex);
-    m_counts.unsent_at_stop += m_queue.size() + m_in_flight;
+    for (const auto& message : m_in_flight) m_counts.unsent_at_stop += message.answered ? 0 : 1;
+    m_counts.unsent_at_stop += m_queue.size();
     m_queue.clear();
     m_queue_bytes = 0;
-    m_in_flight = 0;
+    m_in_flight.clear();
 }
 
 void NatsOutput::PrintSummary(std::ostream& os) const {

@@ -4,12 +4,15 @@
 // PREFIX.<host>.<system>.<event>.
 //
 // The subscriber thread only formats and queues; a thread of this output
-// publishes asynchronously with a bounded window of unacknowledged messages
-// and counts a message as delivered once JetStream acknowledged storing it.
-// While the servers are away (the client reconnects by itself) or slow,
-// messages wait in a bounded buffer whose oldest are dropped, and counted,
-// when it overflows. Failed or unanswered publishes are sent again under the
-// same message id, which JetStream de-duplicates.
+// publishes with a bounded window of unacknowledged messages and counts a
+// message as delivered once JetStream acknowledged storing it. Each message
+// asks for its acknowledgement on a subject of its own under one inbox of
+// this output, which the same thread reads in batches: no per-message
+// callback thread, pending-ack table or wake-up. While the servers are away
+// (the client reconnects by itself) or slow, messages wait in a bounded
+// buffer whose oldest are dropped, and counted, when it overflows. Failed or
+// unanswered publishes are sent again under the same message id, which
+// JetStream de-duplicates.
 
 #include <nats/nats.h>
 
@@ -21,6 +24,7 @@
 #include <mutex>
 #include <string>
 #include <thread>
+#include <unordered_map>
 #include <vector>
 
 #include "MessageFormatter.h"
@@ -43,9 +47,16 @@ public:
 
 private:
     struct Entry {
-        std::string subject;
-        std::string id;  // Nats-Msg-Id
+        const std::string* subject;  // in m_subjects
+        uint64_t sequence;           // the Nats-Msg-Id is m_id_prefix + sequence
         std::string data;
+    };
+    // Sent and waiting for its acknowledgement, on the publisher thread.
+    struct InFlight {
+        Entry entry;
+        std::chrono::steady_clock::time_point sent;
+        bool answered = false;
+        bool resend = false;
     };
     struct Counts {
         uint64_t published = 0;  // handed to this output
@@ -58,9 +69,14 @@ private:
     natsStatus Connect(natsConnection** connection, bool retry, std::string* error);
     bool PrepareStream(natsConnection* connection, std::string* error);
     void Publish();
+    // Sends what it can of `sending`; false when the client refused one.
+    bool Send(std::vector<Entry>& sending);
+    // Reads the acknowledgements that arrived, and takes back for resending
+    // what JetStream refused for now or did not answer in time.
+    void TakeAcknowledgements();
+    static size_t Footprint(const Entry& entry);
     void Requeue(Entry entry);
     void TrimBuffer();  // with m_mutex held
-    static void OnAck(jsCtx* js, natsMsg* msg, jsPubAck* ack, jsPubAckErr* error, void* closure);
     static void OnDisconnected(natsConnection* connection, void* closure);
     static void OnConnected(natsConnection* connection, void* closure);
 
@@ -69,18 +85,23 @@ private:
     std::string m_host;       // subject token
     std::string m_id_prefix;  // unique per run
     uint64_t m_sequence = 0;
-    std::vector<Entry> m_batch;  // subscriber thread only
+    // Subscriber thread only: the subject of each event name so far, and the batch being formatted.
+    std::unordered_map<std::string, std::string> m_subjects;
+    std::vector<Entry> m_batch;
+    std::string m_scratch;
 
     natsConnection* m_connection = nullptr;
-    jsCtx* m_js = nullptr;
+    natsSubscription* m_acks = nullptr;
+    std::string m_inbox;  // "_INBOX.<unique>.": message N asks for its acknowledgement on m_inbox + N
     std::thread m_publisher;
+    // Publisher thread only: the answer to message m_first_reply + i is m_in_flight[i].
+    std::deque<InFlight> m_in_flight;
+    uint64_t m_first_reply = 0;
 
     mutable std::mutex m_mutex;
     std::condition_variable m_wake;
     std::deque<Entry> m_queue;
     uint64_t m_queue_bytes = 0;
-    // Counted by the acknowledgement callback without the lock: it runs once per message.
-    std::atomic<uint64_t> m_in_flight{0};
     std::atomic<uint64_t> m_acknowledged{0};
     bool m_connected = false;
     bool m_stopping = false;

@@ -46,6 +46,7 @@ public:
     uint64_t count = 0;           // 0: no limit
     std::vector<int> pids;
     int cpu_limit_percent = 0;  // 0: no CPU budget
+    int buffer_kb = 0;          // 0: the kernel's ring buffer size
     std::string module_dir;     // empty: next to the executable
     std::string log_level = "information";
     std::string log_file;  // empty: standard error

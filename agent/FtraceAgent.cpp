@@ -29,6 +29,7 @@
 
 #include "AvailableEvents.h"
 #include "FtraceModule.h"
+#include "FtraceBufferSize.h"
 #include "FtraceWakeup.h"
 #include "InstanceLock.h"
 #include "InstanceLossReader.h"
@@ -142,6 +143,11 @@ void FtraceAgent::defineOptions(Poco::Util::OptionSet& options) {
     options.addOption(Option("pid", "p", "trace only process PID (repeatable)").argument("PID").repeatable(true));
     options.addOption(Option("cpu-limit", "", "keep the reading thread under PERCENT of one CPU (1-100)")
                           .argument("PERCENT"));
+    options.addOption(Option("buffer-kb", "",
+                             "size each CPU's ring buffer of the tracing instance to KIB KiB (1-1048576; default: "
+                             "the kernel's): a larger one loses nothing through longer spells without CPU for "
+                             "the reading thread")
+                          .argument("KIB"));
     options.addOption(Option("module-dir", "m",
                              "directory holding libftrace_module.so and the other modules to load, every "
                              "*.so in it that exports CreateModule (default: ../module from the executable's "
@@ -188,6 +194,9 @@ void FtraceAgent::handleOption(const std::string& name, const std::string& value
             m_options.pids.push_back(static_cast<int>(AgentOptions::ParseInteger(name, value, 1, INT_MAX)));
         } else if (name == "cpu-limit") {
             m_options.cpu_limit_percent = static_cast<int>(AgentOptions::ParseInteger(name, value, 1, 100));
+        } else if (name == "buffer-kb") {
+            m_options.buffer_kb = static_cast<int>(
+                AgentOptions::ParseInteger(name, value, 1, ::Engine::FtraceBufferSize::kLargestKb));
         } else if (name == "module-dir") {
             if (value.empty()) throw std::invalid_argument("--module-dir: empty; leave the option out for the default");
             m_options.module_dir = value;
@@ -334,6 +343,7 @@ int FtraceAgent::LoadModules(const std::string& module_dir) {
     const ::Engine::FtraceWakeup wakeup =
         m_options.latency == Latency::Low ? ::Engine::FtraceWakeup::LowLatency() : ::Engine::FtraceWakeup();
     wakeup.Store(config());
+    if (m_options.buffer_kb != 0) config().setInt(::Engine::FtraceBufferSize::kKey, m_options.buffer_kb);
     if (!error.empty()) {
         return Fail("cannot load module " + given_path + ": " + error + "; point --module-dir at the directory " +
                     "holding " + kModuleFileName);

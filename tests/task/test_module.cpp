@@ -11,6 +11,7 @@
 
 #include "Framework/Engine.h"
 #include "Framework/Module.h"
+#include "FtraceBufferSize.h"
 #include "FtraceWakeup.h"
 #include "FtraceWatchMessage.h"
 #include "TaskTestSupport.h"
@@ -102,6 +103,7 @@ TEST_F(FtraceModuleTest, DeliversOneSharedMessageToEverySubscriber) {
     // Low-latency wake-up settings, as ftrace-agent stores them: the
     // watermark is written before the readers are polled.
     Engine::FtraceWakeup::LowLatency().Store(engine->config());
+    engine->config().setInt(Engine::FtraceBufferSize::kKey, 2040);
     ASSERT_EQ(engine->LoadModule(kLibrary, &error), 0) << error;
     ASSERT_EQ(engine->AddModule(new SubscriberModule()), 0);
     ASSERT_EQ(engine->StartTasks(), 0);
@@ -112,6 +114,9 @@ TEST_F(FtraceModuleTest, DeliversOneSharedMessageToEverySubscriber) {
     auto* deaf = dynamic_cast<Subscriber*>(engine->FindTask("deaf"));
     ASSERT_TRUE(ftrace && a && b && stopped && deaf);
     EXPECT_EQ(Read(kZev + "/buffer_percent"), "0\n");
+    // The kernel rounds a size up to whole pages of data.
+    const unsigned long buffer_kb = std::stoul(Read(kZev + "/per_cpu/cpu0/buffer_size_kb"));
+    EXPECT_TRUE(buffer_kb >= 2040 && buffer_kb < 2048) << buffer_kb;
     const auto watch = [&](Framework::Task* watcher, const std::string& system, const std::string& event, bool remove) {
         std::shared_ptr<Framework::Message> message =
             std::make_shared<Engine::FtraceWatchMessage>(watcher, system, event, remove);
@@ -155,6 +160,7 @@ TEST_F(FtraceModuleTest, DeliversOneSharedMessageToEverySubscriber) {
     EXPECT_NE(message->get_number("timestamp"), 0u);
     EXPECT_TRUE(logged("6 FtraceTask::send_ftrace_message: Task ghost not found"));
     for (const char* line : {"6 Ftrace module init", "6 Ftrace task init", "6 Ftrace task Run",
+                             "6 Ftrace buffer: 2040 KiB per CPU",
                              "6 Ftrace wake-up: readers wake at buffer_percent 0, next wait held off 4 ms after a pass "
                              "that read records"})
         EXPECT_TRUE(logged(line)) << line;

@@ -15,6 +15,7 @@
 #include "CPUTopology.h"
 #include "Framework/Engine.h"
 #include "Framework/EventCallback.h"
+#include "FtraceBufferSize.h"
 #include "FtraceLog.h"
 #include "FtraceMessage.h"
 #include "SDK/FileUtils.h"
@@ -93,6 +94,12 @@ FtraceTask::~FtraceTask() {
 
 int FtraceTask::Init() {
     FTRACE_LOG_TO(m_logger, Poco::Message::PRIO_INFORMATION, "Ftrace task init");
+    // Sized before the pipes are opened and any event is on.
+    try {
+        FtraceBufferSize::Apply(Poco::Util::Application::instance().config(), m_ftrace);
+    } catch (const std::exception&) {
+        // No host application, hence no configuration: the kernel's size stays.
+    }
     m_readers = CreateReaders(m_ftrace);
     // The kernel puts a poller of trace_pipe_raw on the wait queue that the
     // watermark of that moment selects, when its descriptor joins the epoll

@@ -86,8 +86,11 @@ long AnswerError(const char* data, int length) {
 }  // namespace
 
 // What a buffered message holds in memory, which --nats-buffer=N MiB bounds.
+// A message not formatted yet is counted at what the module's message of a
+// sched_switch record holds (its name, two maps of 12 entries).
 size_t NatsOutput::Footprint(const Entry& entry) {
-    return sizeof(Entry) + entry.data.capacity();
+    constexpr size_t kUnformatted = 1536;
+    return sizeof(Entry) + (entry.message ? kUnformatted : entry.data.capacity());
 }
 
 NatsOutput::NatsOutput(const NatsSettings& settings, const EventFieldTypes& types)
@@ -268,6 +271,18 @@ void NatsOutput::Start() {
 }
 
 void NatsOutput::Write(const Engine::FtraceMessage& message) {
+    Take(std::make_shared<const Engine::FtraceMessage>(message));
+}
+
+void NatsOutput::Take(const std::shared_ptr<const Engine::FtraceMessage>& message) {
+    // Formatting waits for the publisher thread: the subscriber's queue is
+    // bounded too, and only this buffer counts what it cannot keep.
+    m_batch.push_back({++m_sequence, message, nullptr, {}});
+    if (m_batch.size() >= kBatch) Flush();
+}
+
+void NatsOutput::Format(Entry& entry) {
+    const Engine::FtraceMessage& message = *entry.message;
     auto subject = m_subjects.find(message.name());
     if (subject == m_subjects.end()) {
         // system:event becomes the subject's last two tokens.
@@ -276,12 +291,13 @@ void NatsOutput::Write(const Engine::FtraceMessage& message) {
         if (colon != std::string::npos) text[colon] = '.';
         subject = m_subjects.emplace(message.name(), std::move(text)).first;
     }
+    entry.subject = &subject->second;
     // Formatted into a reused buffer, then kept in a string of its own size:
     // the buffer may hold hundreds of thousands of them.
     m_scratch.clear();
     m_formatter.AppendJson(m_scratch, message);
-    m_batch.push_back({&subject->second, ++m_sequence, m_scratch});
-    if (m_batch.size() >= kBatch) Flush();
+    entry.data = m_scratch;
+    entry.message.reset();
 }
 
 bool NatsOutput::Flush() {
@@ -289,11 +305,11 @@ bool NatsOutput::Flush() {
     bool was_empty;
     {
         std::lock_guard<std::mutex> lock(m_mutex);
-        was_empty = m_queue.empty();
+        was_empty = m_queue.empty() && m_incoming.empty();
         m_counts.published += m_batch.size();
         for (auto& entry : m_batch) {
             m_queue_bytes += Footprint(entry);
-            m_queue.push_back(std::move(entry));
+            m_incoming.push_back(std::move(entry));
         }
         TrimBuffer();
     }
@@ -303,10 +319,12 @@ bool NatsOutput::Flush() {
 }
 
 void NatsOutput::TrimBuffer() {
-    while ((m_settings.buffer_messages != 0 && m_queue.size() > m_settings.buffer_messages) ||
+    while ((m_settings.buffer_messages != 0 && m_queue.size() + m_incoming.size() > m_settings.buffer_messages) ||
            (m_settings.buffer_bytes != 0 && m_queue_bytes > m_settings.buffer_bytes)) {
-        m_queue_bytes -= Footprint(m_queue.front());
-        m_queue.pop_front();
+        auto& oldest = m_queue.empty() ? m_incoming : m_queue;
+        if (oldest.empty()) break;  // (the bytes are those of messages being formatted)
+        m_queue_bytes -= Footprint(oldest.front());
+        oldest.pop_front();
         ++m_counts.buffer_full;
     }
 }
@@ -321,17 +339,35 @@ void NatsOutput::Requeue(Entry entry) {
 void NatsOutput::Publish() {
     std::unique_lock<std::mutex> lock(m_mutex);
     std::vector<Entry> sending;
+    std::vector<Entry> formatting;
     for (;;) {
         lock.unlock();
         TakeAcknowledgements();
         lock.lock();
-        if (m_stopping &&
-            ((m_queue.empty() && m_in_flight.empty()) || std::chrono::steady_clock::now() >= m_stop_deadline)) {
+        if (m_stopping && ((m_queue.empty() && m_incoming.empty() && m_in_flight.empty()) ||
+                           std::chrono::steady_clock::now() >= m_stop_deadline)) {
             break;
+        }
+        // Also while nothing can be sent: formatted, a message holds a third of the memory.
+        while (!m_incoming.empty() && formatting.size() < kBatch) {
+            m_queue_bytes -= Footprint(m_incoming.front());
+            formatting.push_back(std::move(m_incoming.front()));
+            m_incoming.pop_front();
+        }
+        if (!formatting.empty()) {
+            lock.unlock();
+            for (auto& entry : formatting) Format(entry);
+            lock.lock();
+            for (auto& entry : formatting) {
+                m_queue_bytes += Footprint(entry);
+                m_queue.push_back(std::move(entry));
+            }
+            formatting.clear();
+            TrimBuffer();
         }
         if (!m_connected || m_queue.empty() || m_in_flight.size() >= kWindow) {
             // The subscriber wakes an idle publisher when it queues.
-            m_wake.wait_for(lock, m_in_flight.empty() ? std::chrono::milliseconds(50) : kAckPoll);
+            if (m_incoming.empty()) m_wake.wait_for(lock, m_in_flight.empty() ? std::chrono::milliseconds(50) : kAckPoll);
             continue;
         }
         while (!m_queue.empty() && m_in_flight.size() + sending.size() < kWindow) {
@@ -479,8 +515,9 @@ void NatsOutput::Finish() {
     nats_CloseAndWait(5000);
     std::lock_guard<std::mutex> lock(m_mutex);
     for (const auto& message : m_in_flight) m_counts.unsent_at_stop += message.answered ? 0 : 1;
-    m_counts.unsent_at_stop += m_queue.size();
+    m_counts.unsent_at_stop += m_queue.size() + m_incoming.size();
     m_queue.clear();
+    m_incoming.clear();
     m_queue_bytes = 0;
     m_in_flight.clear();
 }

@@ -3,8 +3,9 @@
 // --format=json prints, to NATS JetStream on the subject
 // PREFIX.<host>.<system>.<event>.
 //
-// The subscriber thread only formats and queues; a thread of this output
-// publishes with a bounded window of unacknowledged messages and counts a
+// The subscriber thread only queues the shared messages; a thread of this
+// output formats them, publishes with a bounded window of unacknowledged
+// messages and counts a
 // message as delivered once JetStream acknowledged storing it. Each message
 // asks for its acknowledgement on a subject of its own under one inbox of
 // this output, which the same thread reads in batches: no per-message
@@ -21,6 +22,7 @@
 #include <condition_variable>
 #include <cstdint>
 #include <deque>
+#include <memory>
 #include <mutex>
 #include <string>
 #include <thread>
@@ -41,15 +43,17 @@ public:
     bool Check(std::string* error) override;
     void Start() override;
     void Write(const Engine::FtraceMessage& message) override;
+    void Take(const std::shared_ptr<const Engine::FtraceMessage>& message) override;
     bool Flush() override;
     void Finish() override;
     void PrintSummary(std::ostream& os) const override;
 
 private:
     struct Entry {
-        const std::string* subject;  // in m_subjects
-        uint64_t sequence;           // the Nats-Msg-Id is m_id_prefix + sequence
-        std::string data;
+        uint64_t sequence;                                   // the Nats-Msg-Id is m_id_prefix + sequence
+        std::shared_ptr<const Engine::FtraceMessage> message;  // until formatted
+        const std::string* subject = nullptr;                // in m_subjects, once formatted
+        std::string data;                                    // the JSON object, once formatted
     };
     // Sent and waiting for its acknowledgement, on the publisher thread.
     struct InFlight {
@@ -69,6 +73,7 @@ private:
     natsStatus Connect(natsConnection** connection, bool retry, std::string* error);
     bool PrepareStream(natsConnection* connection, std::string* error);
     void Publish();
+    void Format(Entry& entry);
     // Sends what it can of `sending`; false when the client refused one.
     bool Send(std::vector<Entry>& sending);
     // Reads the acknowledgements that arrived, and takes back for resending
@@ -85,9 +90,9 @@ private:
     std::string m_host;       // subject token
     std::string m_id_prefix;  // unique per run
     uint64_t m_sequence = 0;
-    // Subscriber thread only: the subject of each event name so far, and the batch being formatted.
+    std::vector<Entry> m_batch;  // subscriber thread only
+    // Publisher thread only: the subject of each event name so far, and the formatting buffer.
     std::unordered_map<std::string, std::string> m_subjects;
-    std::vector<Entry> m_batch;
     std::string m_scratch;
 
     natsConnection* m_connection = nullptr;
@@ -100,7 +105,9 @@ private:
 
     mutable std::mutex m_mutex;
     std::condition_variable m_wake;
+    // The buffer: formatted messages, then the newer ones still to format.
     std::deque<Entry> m_queue;
+    std::deque<Entry> m_incoming;
     uint64_t m_queue_bytes = 0;
     std::atomic<uint64_t> m_acknowledged{0};
     bool m_connected = false;

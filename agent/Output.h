@@ -3,6 +3,7 @@
 // output in one of the line formats, or a message system. One class per
 // output; OutputTable names them for --format and --output.
 
+#include <memory>
 #include <ostream>
 #include <string>
 
@@ -24,6 +25,9 @@ public:
     // One message, on the subscriber thread. Must not wait for anybody:
     // an output that cannot keep up keeps what it can and counts the rest.
     virtual void Write(const Engine::FtraceMessage& message) = 0;
+    // The same, for an output that keeps the message itself (messages are
+    // immutable and shared) and does the work on a thread of its own.
+    virtual void Take(const std::shared_ptr<const Engine::FtraceMessage>& message) { Write(*message); }
     // After every batch of messages. False when the output is gone for
     // good, which stops the run.
     virtual bool Flush() { return true; }

@@ -67,10 +67,20 @@ int PrintingSubscriberTask::Run() {
     return 0;
 }
 
+int PrintingSubscriberTask::InterceptMsg(std::shared_ptr<Framework::Message>& message) {
+    m_current = &message;  // handled next, by Receive
+    return 0;
+}
+
 int PrintingSubscriberTask::Receive(Engine::FtraceMessage* message) {
     if (message == nullptr || m_limit_reached) return 0;
     const uint64_t total = m_statistics.Count(message->name());
-    m_output.Write(*message);
+    if (m_current != nullptr && m_current->get() == static_cast<Framework::Message*>(message)) {
+        m_output.Take(std::static_pointer_cast<const Engine::FtraceMessage>(*m_current));
+    } else {
+        m_output.Write(*message);
+    }
+    m_current = nullptr;
     if (m_limit != 0 && total >= m_limit) {
         m_limit_reached = true;
         Flush();

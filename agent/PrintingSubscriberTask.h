@@ -29,6 +29,7 @@ public:
                            Output& output);
 
     int Run() override;
+    int InterceptMsg(std::shared_ptr<Framework::Message>& message) override;
     int Receive(Engine::FtraceMessage* message) override;
 
 private:
@@ -42,6 +43,8 @@ private:
     Output& m_output;
     bool m_output_broken = false;
     bool m_limit_reached = false;
+    // The shared pointer of the message being handled, so that the output can keep it.
+    const std::shared_ptr<Framework::Message>* m_current = nullptr;
 };
 
 }  // namespace Agent

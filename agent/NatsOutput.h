@@ -5,15 +5,14 @@
 //
 // The subscriber thread only queues the shared messages; a thread of this
 // output formats them, publishes with a bounded window of unacknowledged
-// messages and counts a
-// message as delivered once JetStream acknowledged storing it. Each message
-// asks for its acknowledgement on a subject of its own under one inbox of
-// this output, which the same thread reads in batches: no per-message
-// callback thread, pending-ack table or wake-up. While the servers are away
-// (the client reconnects by itself) or slow, messages wait in a bounded
-// buffer whose oldest are dropped, and counted, when it overflows. Failed or
-// unanswered publishes are sent again under the same message id, which
-// JetStream de-duplicates.
+// messages and counts a message as delivered once JetStream acknowledged
+// storing it. Each message asks for its acknowledgement on a subject of its
+// own under one inbox of this output, which the same thread reads in
+// batches: no per-message callback thread, pending-ack table or wake-up.
+// While the servers are away (the client reconnects by itself) or slow,
+// messages wait in a bounded buffer whose oldest are dropped, and counted,
+// when it overflows. Failed or unanswered publishes are sent again under the
+// same message id, which JetStream de-duplicates.
 
 #include <nats/nats.h>
 

@@ -7,6 +7,9 @@
 # use the instance ZEV meanwhile.
 #
 #   bench/nats.sh [build dir, default build-perf]     LOOPS=200000 by default
+#   NATS_BUFFER=SIZE: --nats-buffer of the NATS run (512MiB by default: the
+#     backlog of this workload at a single node needs about 450 MiB)
+#   BUFFER_KB=KIB: --buffer-kb of both runs (default: the kernel's ring buffer size)
 set -euo pipefail
 
 HERE=$(cd "$(dirname "$0")" && pwd)
@@ -55,7 +58,8 @@ for _ in $(seq 100); do curl -sf "http://127.0.0.1:$monitor/healthz" > /dev/null
 # run NAME OPTIONS...: one agent on one pipe benchmark.
 run() {
     local name=$1; shift
-    "$AGENT" --module-dir="$WORK/modules" --events=sched:sched_switch --log-level=warning "$@" \
+    "$AGENT" --module-dir="$WORK/modules" --events=sched:sched_switch --log-level=warning \
+        ${BUFFER_KB:+--buffer-kb="$BUFFER_KB"} "$@" \
         > /dev/null 2> "$WORK/$name.err" &
     agent_pid=$!
     for _ in $(seq 200); do
@@ -83,6 +87,7 @@ run() {
         done
     fi
     cpu1=$(cpu_ns "$agent_pid"); server1=$(cpu_ns "$server_pid")
+    local peak; peak=$(sed -n 's/^VmHWM: *//p' /proc/"$agent_pid"/status)
     local overrun=$(( $(zev_stat overrun) - overrun0 )) dropped=$(( $(zev_stat "dropped events") - dropped0 ))
     kill -INT "$agent_pid"; wait "$agent_pid" || true; agent_pid=
     local delivered
@@ -100,6 +105,7 @@ run() {
         [ "$final" = "$acknowledged" ] || echo "  MISMATCH: the stream does not hold what the agent counted as acknowledged"
     fi
     echo "  kernel lost (ZEV):         overrun $overrun, dropped $dropped"
+    echo "  agent peak memory:         $peak"
     # none: delivered over the workload; nats: stored over the workload and the drain after it.
     [ "$name" = nats ] && delivered=$((after - before))
     [ "$name" = nats ] || server1=$server0  # the server idles through the none run
@@ -112,5 +118,5 @@ run() {
 
 echo "load average before: $(cut -d' ' -f1-3 /proc/loadavg)"
 run none --format=none
-run nats --output=nats://127.0.0.1:"$port" --nats-stream=FTRACE_BENCH --nats-buffer="${NATS_BUFFER:-64MiB}"
+run nats --output=nats://127.0.0.1:"$port" --nats-stream=FTRACE_BENCH --nats-buffer="${NATS_BUFFER:-512MiB}"
 exit 0

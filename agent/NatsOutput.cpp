@@ -367,7 +367,8 @@ void NatsOutput::Publish() {
         }
         if (!m_connected || m_queue.empty() || m_in_flight.size() >= kWindow) {
             // The subscriber wakes an idle publisher when it queues.
-            if (m_incoming.empty()) m_wake.wait_for(lock, m_in_flight.empty() ? std::chrono::milliseconds(50) : kAckPoll);
+            const auto wait = m_in_flight.empty() ? std::chrono::milliseconds(50) : kAckPoll;
+            if (m_incoming.empty()) m_wake.wait_for(lock, wait);
             continue;
         }
         while (!m_queue.empty() && m_in_flight.size() + sending.size() < kWindow) {

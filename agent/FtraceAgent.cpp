@@ -28,8 +28,8 @@
 #include <stdexcept>
 
 #include "AvailableEvents.h"
-#include "FtraceModule.h"
 #include "FtraceBufferSize.h"
+#include "FtraceModule.h"
 #include "FtraceWakeup.h"
 #include "InstanceLock.h"
 #include "InstanceLossReader.h"

@@ -8,7 +8,7 @@ packages=(
   libtraceevent-dev libtracefs-dev libpoco-dev
   libgtest-dev libgmock-dev googletest libbenchmark-dev libconcurrentqueue-dev
   linux-perf valgrind binutils python3 procps libjemalloc-dev
-  libnats-dev nats-server
+  libnats-dev nats-server openssl curl
 )
 
 missing=()

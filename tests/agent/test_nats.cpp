@@ -235,6 +235,13 @@ TEST_F(NatsTest, BadConfigurationIsRefusedWithOneLine) {
     ASSERT_TRUE(locked_server.WaitReady("agent:agent@"));
     const std::string wrong = "/tmp/ftrace-nats-wrong-" + std::to_string(getpid());
     std::ofstream(wrong) << "agent:not-the-password\n";
+    // TLS only, with a certificate for 127.0.0.1 that is its own CA.
+    const std::string cert = wrong + ".pem";
+    ASSERT_EQ(std::system(("openssl req -x509 -newkey rsa:2048 -nodes -days 1 -subj /CN=127.0.0.1 -addext "
+                           "subjectAltName=IP:127.0.0.1 -keyout " + cert + " -out " + cert + " 2>/dev/null")
+                              .c_str()),
+              0);
+    NatsServers tls_server(1, " --tls --tlscert " + cert + " --tlskey " + cert);
     const std::string nobody = NatsTest::NatsServers::Url(FreePort());
     const struct {
         std::vector<std::string> options;
@@ -253,6 +260,14 @@ TEST_F(NatsTest, BadConfigurationIsRefusedWithOneLine) {
         {{"--output=" + open_server.Urls()},
          "NATS at " + open_server.Urls() + " has no stream for the subjects ftrace." + HostToken() +
              ".>: give --nats-stream=NAME to create one, or create one that takes them\n"},
+        // Over TLS as far as JetStream's answer.
+        {{"--output=" + tls_server.Urls(), "--nats-tls-ca=" + cert},
+         "NATS at " + tls_server.Urls() + " has no stream for the subjects ftrace." + HostToken() +
+             ".>: give --nats-stream=NAME to create one, or create one that takes them\n"},
+        {{"--output=" + tls_server.Urls()},
+         "TLS with NATS at " + tls_server.Urls() +
+             " failed (SSL handshake error: 18:self-signed certificate:depth=0:cert=/CN=127.0.0.1:issuer=/CN=127.0.0.1)"
+             ": give --nats-tls-ca the CA certificates that signed the servers' certificates\n"},
     };
     for (const auto& c : cases) {
         SCOPED_TRACE(c.stderr_text);
@@ -263,6 +278,7 @@ TEST_F(NatsTest, BadConfigurationIsRefusedWithOneLine) {
         EXPECT_FALSE(ZevExists());
     }
     unlink(wrong.c_str());
+    unlink(cert.c_str());
 }
 
 }  // namespace

@@ -82,7 +82,7 @@ if [ -z "${FTRACE_TEST_QUICK:-}" ]; then
     echo "== fuzzing (short runs)"
     build build-fuzz -DFTRACE_BUILD_FUZZ=ON -DFTRACE_BUILD_BENCH=OFF \
         -DCMAKE_C_COMPILER=clang -DCMAKE_CXX_COMPILER=clang++ \
-        -- parse_cpus_fuzzer watch_path_fuzzer record_path_fuzzer
+        -- watch_path_fuzzer record_path_fuzzer
     run_ctest build-fuzz -L fuzz
 fi
 

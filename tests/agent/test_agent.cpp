@@ -61,19 +61,6 @@ TEST_F(AgentTest, EventsArePrintedInEachFormatAndAStopSignalCleansUp) {
         EXPECT_EQ(agent.Wait(std::chrono::seconds(20)), 0) << agent.Stderr();
         EXPECT_NE(agent.Stderr().find(c.event ? c.event : "sched:sched_process_exec"), std::string::npos) << agent.Stderr();
         EXPECT_NE(agent.Stderr().find("dropped events"), std::string::npos) << agent.Stderr();
-        if (c.format != std::string("json") || c.event) continue;
-        // Every line must parse with a stock JSON parser and give back the exact bytes.
-        FILE* check = popen(("python3 -c 'import json, sys\n"
-                             "sys.exit(0 if any([o[\"name\"] == \"sched:sched_process_exec\" and o[\"numbers\"][\"pid\"] == " +
-                             std::to_string(pid) +
-                             " and o[\"strings\"][\"filename\"].encode(\"latin-1\") == b\"/bin/true\\0\"\n"
-                             "    for o in map(json.loads, sys.stdin.buffer.read().decode(\"ascii\").splitlines())]) else 3)'")
-                                .c_str(),
-                            "w");
-        ASSERT_NE(check, nullptr);
-        const std::string out = agent.Stdout();
-        fwrite(out.data(), 1, out.size(), check);
-        EXPECT_EQ(pclose(check), 0) << out;
     }
     std::filesystem::remove_all(copy);
     unsetenv("MALLOC_CONF");

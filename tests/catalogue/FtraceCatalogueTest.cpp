@@ -213,25 +213,20 @@ TEST(FtraceViewsTest, DecodingMatchesLibtraceeventForEveryFixture) {
                 if (tep_read_number_field(field.get(), data.data(), &number) != 0) number = 0;
                 expected = std::to_string(number);
             }
-            EXPECT_EQ(view(), expected);
-            EXPECT_EQ(entry(), expected);
-            // A record built without a size (0) reads as laid out, like one that has it.
-            record.size = 0;
-            EXPECT_EQ(view(), expected);
-            record.size = data.size();
-            // The record ends right after what the field needs (a string's data
-            // included), then one byte short of it.
+            // The whole record; one built without a size (0), read as laid out;
+            // one that ends right after what the field needs (a string's data
+            // included), and one byte short of that, where it reads as nothing.
             uint32_t needed = field.offset() + field.size(), location = 0;
             if (field.is_dynamic()) {
                 std::memcpy(&location, &data[field.offset()], 4);
                 needed = (location & 0xffff) + (location >> 16);
             }
-            record.size = needed;
-            EXPECT_EQ(view(), expected);
-            record.size = needed - 1;
-            const std::string nothing = field.is_array() ? "" : "0";
-            EXPECT_EQ(view(), nothing);
-            EXPECT_EQ(entry(), nothing);
+            for (const uint32_t size : {static_cast<uint32_t>(data.size()), 0u, needed, needed - 1}) {
+                record.size = static_cast<int>(size);
+                const std::string want = size != needed - 1 ? expected : field.is_array() ? "" : "0";
+                EXPECT_EQ(view(), want) << "record size " << size;
+                EXPECT_EQ(entry(), want) << "record size " << size;
+            }
             record.size = data.size();
         }
         EXPECT_EQ(message->numbers().size() + message->strings().size(), fields + 1);

@@ -32,9 +32,6 @@ namespace {
 struct Fixture {
     Fixture() {
         std::cerr.setstate(std::ios::badbit);
-        task = std::make_unique<Engine::FtraceTask>();
-        FuzzCheck(task->ftrace().tracefs().IsCreated(), "ZEV was not created in the private directory");
-        dir.Populate("ZEV");
         for (const auto& [system, name] : dir.Fixtures()) {
             const FtraceEvent event = task->ftrace().get_event(system, name);
             FuzzCheck(static_cast<bool>(event), "loading " + system + ":" + name);
@@ -49,14 +46,9 @@ struct Fixture {
         writer = FileDescriptor(ends[1]);
         reader = std::make_unique<FtracePerCPUReader>(task->ftrace(), FileDescriptor(ends[0]), 1);
     }
-    ~Fixture() {
-        reader.reset();
-        dir.Empty("ZEV");
-        task.reset();
-    }
 
-    test_support::TempTracingDir dir;
-    std::unique_ptr<Engine::FtraceTask> task;
+    test_support::TempTracingDir dir{"ZEV"};  // made before the task, which adopts it
+    std::unique_ptr<Engine::FtraceTask> task = std::make_unique<Engine::FtraceTask>();
     std::vector<FtraceEvent> events;
     std::vector<size_t> sizes;  // where each event's last fixed field ends
     FileDescriptor writer;

@@ -136,22 +136,26 @@ public:
 TEST(Task, FailingOrThrowingHandlersDoNotStopTheConsumerAndAFullQueueRefuses) {
     const Behaviour script[] = {Behaviour::Ok,          Behaviour::Fails,       Behaviour::ThrowsStd,
                                 Behaviour::Intercepted, Behaviour::ThrowsOther, Behaviour::Ok};
-    LoopTask task("loop_task", 8);
     std::vector<int> handled;
     std::vector<std::shared_ptr<Framework::Message>> sent;
-    for (int i = 0; i < 9; ++i) {
-        sent.push_back(std::make_shared<ScriptedMessage>(i < 6 ? script[i] : Behaviour::Ok, i, &handled));
-        EXPECT_EQ(task.EnqueueMsg(sent.back()), i < 8 ? 1 : 0);
-    }
-    std::shared_ptr<Framework::Message> null_message;
-    EXPECT_EQ(task.EnqueueMsg(null_message), 0);
-    EXPECT_EQ(task.DroppedMessages(), 1u);
+    {
+        LoopTask task("loop_task", 8);
+        for (int i = 0; i < 9; ++i) {
+            sent.push_back(std::make_shared<ScriptedMessage>(i < 6 ? script[i] : Behaviour::Ok, i, &handled));
+            EXPECT_EQ(task.EnqueueMsg(sent.back()), i < 8 ? 1 : 0);
+        }
+        std::shared_ptr<Framework::Message> null_message;
+        EXPECT_EQ(task.EnqueueMsg(null_message), 0);
+        EXPECT_EQ(task.DroppedMessages(), 1u);
 
-    EXPECT_EQ(task.BulkConsumeMsg(7), 7);
-    EXPECT_EQ(task.BulkConsumeMsg(-1), 1);
-    EXPECT_EQ(handled, (std::vector<int>{0, 5, 6, 7}));
-    EXPECT_EQ(task.after_handle, 5);  // after the Ok and failing handlers; not after throws or interception
-    for (const auto& m : sent) EXPECT_EQ(m.use_count(), 1);  // the task let go of every message
+        EXPECT_EQ(task.BulkConsumeMsg(7), 7);
+        EXPECT_EQ(task.BulkConsumeMsg(-1), 1);
+        EXPECT_EQ(handled, (std::vector<int>{0, 5, 6, 7}));
+        EXPECT_EQ(task.after_handle, 5);  // after the Ok and failing handlers; not after throws or interception
+        sent.push_back(std::make_shared<ScriptedMessage>(Behaviour::Ok, 9, &handled));
+        EXPECT_EQ(task.EnqueueMsg(sent.back()), 1);  // still queued when the task goes
+    }
+    for (const auto& m : sent) EXPECT_EQ(m.use_count(), 1);  // the queue let go of every message, consumed or not
 }
 
 // A message a handler sends to its own task finds the wake-up still pending,

@@ -1,6 +1,7 @@
 // The lock-free queue: real concurrency (nothing lost or duplicated, each
 // producer's order kept), batches at the end of the ring and across the 2^32
-// counter wrap, partial batches, and the references its slots hold.
+// counter wrap and partial batches. That its slots let go of what they held
+// is checked through a task's queue (FrameworkTest).
 #include <gtest/gtest.h>
 
 #include <algorithm>
@@ -126,20 +127,39 @@ TEST(LocklessQueue, BatchesKeepFifoOrderAtAnyPositionAndStopWhenFull) {
     EXPECT_EQ(untouched, out[0]);
 }
 
-// A task's queue must not keep a message (and the module code behind it)
-// alive once it was consumed, nor after the queue is gone.
-TEST(LocklessQueue, SlotsLetGoOnDequeueAndDestruction) {
-    const Ptr tag = std::make_shared<const Tag>(Tag{0, 1});
-    {
-        SDK::LocklessQueue<Ptr> queue(2, 0, true, true, true);
-        ASSERT_EQ(queue.Enqueue(tag), 1);
-        Ptr out;
-        ASSERT_EQ(queue.Dequeue(out), 1);
-        out.reset();
-        EXPECT_EQ(tag.use_count(), 1);
-        ASSERT_EQ(queue.Enqueue(tag), 1);
+// Its copy into a slot waits at the gate when it carries 1, so that a
+// producer can be held half-way through filling its reservation.
+struct Gated {
+    static inline std::atomic<bool> waiting{false}, open{false};
+    int value;
+    explicit Gated(int v = 0) : value(v) {}
+    Gated(const Gated&) = default;
+    Gated& operator=(const Gated& other) {
+        if (other.value == 1) {
+            waiting = true;
+            while (!open) std::this_thread::yield();
+        }
+        value = other.value;
+        return *this;
     }
-    EXPECT_EQ(tag.use_count(), 1);
+};
+
+// A later reservation is published only after every earlier one: while the
+// first producer still fills its slot, the consumer must see nothing.
+TEST(LocklessQueue, APublicationWaitsForEveryEarlierReservation) {
+    SDK::LocklessQueue<Gated> queue(8, 0, false, true, true);
+    std::thread first([&] { queue.Enqueue(Gated{1}); });
+    while (!Gated::waiting) std::this_thread::yield();
+    std::thread second([&] { queue.Enqueue(Gated{2}); });
+    std::this_thread::sleep_for(std::chrono::milliseconds(50));  // the second has filled its slot
+    std::vector<Gated> out;
+    const int early = queue.DequeueBulk(out, 8);
+    Gated::open = true;
+    first.join();
+    second.join();
+    ASSERT_EQ(early, 0) << "a slot still being filled was published";
+    EXPECT_EQ(queue.DequeueBulk(out, -1), 2);
+    EXPECT_TRUE(out.size() == 2 && out[0].value == 1 && out[1].value == 2);
 }
 
 }  // namespace

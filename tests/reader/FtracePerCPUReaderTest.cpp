@@ -21,22 +21,17 @@ std::vector<uint8_t> Payload(size_t size, uint16_t type) {
 }
 
 struct Seen {  // copied out: the record points into the reader's page
-    std::string name;
-    tep_record raw;
+    std::string text;
     std::vector<uint8_t> data;
 };
 
 void Collect(FtraceRecord& record, void* context) {
-    const auto* data = static_cast<const uint8_t*>(record.record()->data);
-    static_cast<std::vector<Seen>*>(context)->push_back(
-        {record.event_name(), *record.record(), std::vector<uint8_t>(data, data + record.record()->size)});
-}
-
-std::string Describe(const Seen& s) {
+    const tep_record& raw = *record.record();
     std::ostringstream text;
-    text << s.name << " cpu " << s.raw.cpu << " ts " << s.raw.ts << " offset " << s.raw.offset << " missed "
-         << s.raw.missed_events << " size " << s.raw.record_size << "/" << s.raw.size;
-    return text.str();
+    text << record.event_name() << " cpu " << raw.cpu << " ts " << raw.ts << " offset " << raw.offset << " missed "
+         << raw.missed_events << " size " << raw.record_size << "/" << raw.size;
+    const auto* data = static_cast<const uint8_t*>(raw.data);
+    static_cast<std::vector<Seen>*>(context)->push_back({text.str(), std::vector<uint8_t>(data, data + raw.size)});
 }
 
 class FtracePerCPUReaderTest : public ::testing::Test {
@@ -78,8 +73,8 @@ TEST_F(FtracePerCPUReaderTest, DeliversKnownRecordsAsKbufferReportsThem) {
         EXPECT_EQ(1, reader.read_once(*ftrace, Collect, &seen));  // drained: EAGAIN
         ASSERT_EQ(2u, seen.size());
         // Only the page's first record carries the loss; 407653206 = 5000000 + 10 + 5 + 3 << 27 + 7.
-        EXPECT_EQ("sched:sched_switch cpu 3 ts 5000010 offset 16 missed 3 size 68/64", Describe(seen[0]));
-        EXPECT_EQ("sched:sched_process_exec cpu 3 ts 407653206 offset 104 missed 0 size 180/172", Describe(seen[1]));
+        EXPECT_EQ("sched:sched_switch cpu 3 ts 5000010 offset 16 missed 3 size 68/64", seen[0].text);
+        EXPECT_EQ("sched:sched_process_exec cpu 3 ts 407653206 offset 104 missed 0 size 180/172", seen[1].text);
         EXPECT_EQ(sw, seen[0].data);
         EXPECT_EQ(ex, seen[1].data);
     }
@@ -109,7 +104,7 @@ TEST_F(FtracePerCPUReaderTest, ResultTellsPageNothingToReadOrError) {
     EXPECT_EQ(1, FtracePerCPUReader_read_once(words));                                     // end of file
     EXPECT_EQ(0, readers[1]->read_once(*ftrace, Collect, &seen));                          // EBADF
     ASSERT_EQ(1u, seen.size());
-    EXPECT_EQ("sched:sched_switch cpu 2 ts 43 offset 16 missed 0 size 68/64", Describe(seen[0]));
+    EXPECT_EQ("sched:sched_switch cpu 2 ts 43 offset 16 missed 0 size 68/64", seen[0].text);
 }
 
 // Corrupt lengths: a record that claims more than the page holds is cut at
@@ -130,7 +125,7 @@ TEST_F(FtracePerCPUReaderTest, CorruptLengthsAreCutOrEndThePage) {
         };
         EXPECT_EQ(2, reader.read_once(*ftrace, bounded, &seen));
         ASSERT_EQ(1u, seen.size()) << length;
-        EXPECT_EQ(static_cast<int>(page_size) - 24, seen[0].raw.size) << length;
+        EXPECT_EQ(static_cast<int>(page_size) - 24, static_cast<int>(seen[0].data.size())) << length;
     }
 }
 

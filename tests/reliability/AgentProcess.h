@@ -114,14 +114,10 @@ private:
         for (ssize_t n; (n = read(fd, buffer, sizeof buffer)) != 0;) {
             if (n < 0 && errno == EINTR) continue;
             if (n < 0) break;
-            if (!m_on_line) {
-                std::lock_guard<std::mutex> lock(m_mutex);
-                m_stdout.append(buffer, static_cast<size_t>(n));
-                continue;
-            }
-            pending.append(buffer, static_cast<size_t>(n));
+            std::lock_guard<std::mutex> lock(m_mutex);
+            (m_on_line ? pending : m_stdout).append(buffer, static_cast<size_t>(n));
             size_t start = 0;
-            for (size_t eol; (eol = pending.find('\n', start)) != std::string::npos; start = eol + 1)
+            for (size_t eol; m_on_line && (eol = pending.find('\n', start)) != std::string::npos; start = eol + 1)
                 m_on_line(pending.data() + start, eol - start);
             pending.erase(0, start);
         }

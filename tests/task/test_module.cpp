@@ -132,9 +132,6 @@ TEST_F(FtraceModuleTest, DeliversOneSharedMessageToEverySubscriber) {
         return WaitFor([&] { return Enabled(event) == state; }, 10);
     };
 
-    // Names that lead out of the events directory are refused, and the loop goes on.
-    watch(a, "../../x", "y", false);
-    watch(a, "sched", "../../x", false);
     tasktest::PlainTask ghost("ghost");  // subscribed, but unknown to the engine
     const std::vector<Framework::Task*> all = {b, &ghost, stopped, deaf, a};
     // The event is routed to a alone first: the others must be seen when they
@@ -148,7 +145,6 @@ TEST_F(FtraceModuleTest, DeliversOneSharedMessageToEverySubscriber) {
     EXPECT_LT(std::chrono::steady_clock::now() - spawned, std::chrono::milliseconds(200));
     for (Framework::Task* watcher : all) watch(watcher, "sched", kExec, false);
     ASSERT_TRUE(logged("6 Task sub_a already registered to sched:sched_process_exec"));
-    EXPECT_TRUE(logged("3 Invalid event: ../../x:y") && logged("3 Invalid event: sched:../../x"));
     EXPECT_EQ(Read(kZev + "/set_event"), "sched:sched_process_exec\n");
 
     const pid_t child = SpawnTrue();

@@ -21,22 +21,16 @@ public:
 
 // A trace-message receiver. A steady one serves its queue and keeps every
 // message (by shared owner, so that addresses stay comparable); a stopped one
-// ends its Run at once but stays registered; a deaf one never reads its queue.
+// ends its Run at once but stays registered, so its queue fills.
 class Subscriber : public Framework::Task, public Engine::AbstructMessage<Engine::FtraceMessage>::Receiver {
 public:
-    enum class Kind { Steady, Stopped, Deaf };
-    explicit Subscriber(const std::string& name, Kind kind = Kind::Steady, unsigned int slots = 4096)
-        : Framework::Task(name, "test_feature", Framework::TaskCondition::TASK_TYPE_NORMAL, slots), m_kind(kind) {}
+    explicit Subscriber(const std::string& name, bool stopped = false, unsigned int slots = 4096)
+        : Framework::Task(name, "test_feature", Framework::TaskCondition::TASK_TYPE_NORMAL, slots), m_stopped(stopped) {}
 
     int Run() override {
-        while (m_kind != Kind::Stopped && state() != Poco::Task::TASK_CANCELLING) {
-            if (m_kind == Kind::Deaf) {
-                std::this_thread::sleep_for(std::chrono::milliseconds(20));
-            } else if (MessageEmpty()) {
-                GetEventWaiter().WaitAndHandleEvent(100, 16);
-            } else {
-                BulkConsumeMsg(256);
-            }
+        while (!m_stopped && state() != Poco::Task::TASK_CANCELLING) {
+            if (MessageEmpty()) GetEventWaiter().WaitAndHandleEvent(100, 16);
+            else BulkConsumeMsg(256);
         }
         return 0;
     }
@@ -62,7 +56,7 @@ public:
     }
 
 private:
-    const Kind m_kind;
+    const bool m_stopped;
     std::shared_ptr<Engine::FtraceMessage> m_current;
     std::mutex m_mutex;
     std::vector<std::shared_ptr<Engine::FtraceMessage>> m_received;

@@ -21,19 +21,14 @@
 using namespace test_support;
 using Lines = std::vector<std::string>;
 
-TEST(TraceFSTest, EmptyNameAdoptsTheTopInstanceAndABadNameIsInvalid) {
-    TempTracingDir tracing;
+TEST(FtraceCatalogueTest, LoadsFormatsLazilyAndReportsBadOnesOnStandardError) {
+    TempTracingDir tracing("catalogue");
     {
         TraceFS top("");  // reaches libtracefs as null, never as the instances directory
-        EXPECT_TRUE(top.IsValid() && !top.IsCreated());
-        EXPECT_EQ(top.dir(), tracing.root);
+        EXPECT_TRUE(top.IsValid() && !top.IsCreated() && top.dir() == tracing.root);
     }
     EXPECT_TRUE(fs::is_directory(tracing.root));
     EXPECT_FALSE(TraceFS("no/such").IsValid());
-}
-
-TEST(FtraceCatalogueTest, LoadsFormatsLazilyAndReportsBadOnesOnStandardError) {
-    TempTracingDir tracing("catalogue");
     const std::string dir = tracing.Instance("catalogue");
     WriteAll(dir + "/events/bad/garbage/format", "this is not a format\n");
     // No own fields, and a NUL byte after which nothing is read.

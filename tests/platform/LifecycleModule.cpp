@@ -64,11 +64,7 @@ public:
 
     int Init() override {
         RegisterTask(new LifecycleTask(), false);
-#ifdef LIFECYCLE_INIT_FAILS
-        return -1;
-#else
-        return 0;
-#endif
+        return LIFECYCLE_INIT_RESULT;
     }
 };
 

@@ -146,6 +146,8 @@ TEST(FtraceControlTest, WritesControlFilesExactlyAndLogsFailures) {
                                  "3 Ftrace::append open file {" + dir + "/nope} err",
                                  "3 Ftrace::append write file {/dev/full} err",
                                  "3 Ftrace::event_filter_rmv_pid open file {" + pids + "} err"}));
+    // The message keeps a bare pointer to the base name: it must point into the caller's __FILE__.
+    EXPECT_STREQ(log->messages().at(0).getSourceFile(), "ftrace.cpp");
 }
 
 // Every committed format, a record filled with a pattern (and a valid location

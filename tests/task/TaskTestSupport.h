@@ -25,7 +25,8 @@ public:
 class Subscriber : public Framework::Task, public Engine::AbstructMessage<Engine::FtraceMessage>::Receiver {
 public:
     explicit Subscriber(const std::string& name, bool stopped = false, unsigned int slots = 4096)
-        : Framework::Task(name, "test_feature", Framework::TaskCondition::TASK_TYPE_NORMAL, slots), m_stopped(stopped) {}
+        : Framework::Task(name, "test_feature", Framework::TaskCondition::TASK_TYPE_NORMAL, slots),
+          m_stopped(stopped) {}
 
     int Run() override {
         while (!m_stopped && state() != Poco::Task::TASK_CANCELLING) {

@@ -1,4 +1,4 @@
-// The trace message's entries, text form and typed dispatch. The module end
+// The trace message's entries and text form. The module end
 // to end in this process: an engine loads libftrace_module.so by path and
 // subscriber tasks ask for sched:sched_process_exec. Spawned children must
 // reach every steady subscriber as one shared message, also while a stopped
@@ -64,18 +64,6 @@ TEST(FtraceMessageTest, FirstValueWinsAndTextForm) {
     text << message;
     EXPECT_EQ(text.str(), "sched:sched_switch prev_pid: 7, timestamp: 5, prev_comm: bash, ");
     EXPECT_EQ(message.get_number("missing") + message.get_string("missing").size(), 0UL);
-}
-
-TEST(FtraceMessageTest, MessageHandleReachesOnlyReceivers) {
-    tasktest::Subscriber receiver("receiver");
-    tasktest::PlainTask plain("plain");
-    auto message = std::make_shared<FtraceMessage>("sched:sched_switch");
-    std::shared_ptr<Framework::Message> base = message;
-    EXPECT_EQ(base->MessageHandle(nullptr), -1);
-    EXPECT_EQ(base->MessageHandle(static_cast<Framework::Task*>(&plain)), -1);
-    receiver.InterceptMsg(base);
-    EXPECT_EQ(base->MessageHandle(static_cast<Framework::Task*>(&receiver)), 0);
-    EXPECT_EQ(receiver.Find([](const FtraceMessage&) { return true; }), message);
 }
 
 using FtraceModuleTest = TracefsTest;

@@ -72,9 +72,12 @@ TEST_F(WatchRegistryTest, EnableOnEveryNewSubscriberDisableOnLast) {
             const auto key = task.watches().find({s.system, s.event});
             EXPECT_EQ(key == task.watches().end() ? none : key->second, s.subscribers);
         }
-        // Only the ftrace task takes them; a missing one is logged, never dereferenced.
-        for (Framework::Task* consumer : {static_cast<Framework::Task*>(&b), static_cast<Framework::Task*>(nullptr)})
+        // Only the ftrace task takes watch requests, only receivers take trace
+        // messages; a missing task is logged, never dereferenced.
+        for (Framework::Task* consumer : {static_cast<Framework::Task*>(&b), static_cast<Framework::Task*>(nullptr)}) {
             EXPECT_EQ(Engine::FtraceWatchMessage(&b, sys, event, false).MessageHandle(consumer), 1);
+            EXPECT_EQ(Engine::FtraceMessage(known).MessageHandle(consumer), -1);
+        }
         EXPECT_EQ(log->lines(true), std::vector<std::string>(2, "3 Task is not FtraceTask"));
 
         // The pid filter as the kernel keeps it; the last removal writes nothing

@@ -30,8 +30,7 @@ bool IsOpen(int fd) { return ::fcntl(fd, F_GETFD) != -1; }
 
 bool IsLoaded(const char* path) {
     void* handle = ::dlopen(path, RTLD_NOW | RTLD_NOLOAD);
-    if (handle != nullptr) ::dlclose(handle);
-    return handle != nullptr;
+    return handle != nullptr && ::dlclose(handle) == 0;
 }
 
 bool JournalHas(const Framework::Engine& engine, const std::string& line, long times = 1) {
@@ -42,24 +41,19 @@ bool JournalHas(const Framework::Engine& engine, const std::string& line, long t
 }
 
 // Counts its own calls and destructions, to prove each event deletes its callback once.
-class CountedCallback : public Framework::AbstractEventCallback {
-public:
-    CountedCallback(int* destroyed, int* invoked) : m_destroyed(destroyed), m_invoked(invoked) {}
-    ~CountedCallback() override { ++*m_destroyed; }
+struct CountedCallback : Framework::AbstractEventCallback {
+    CountedCallback(int* destroyed, int* invoked) : destroyed(destroyed), invoked(invoked) {}
+    ~CountedCallback() override { ++*destroyed; }
     int invoke(int fd, unsigned int, void*) const override {
         uint64_t count = 0;
-        ++*m_invoked;
+        ++*invoked;
         return static_cast<int>(::read(fd, &count, sizeof count));
     }
-
-private:
-    int* m_destroyed;
-    int* m_invoked;
+    int *const destroyed, *const invoked;
 };
 
 TEST(Event, OwnsCallbackAndDescriptorAcrossMovesAndTheWaiterHandlesEachReadyOne) {
-    int destroyed = 0, invoked = 0;
-    int fds[3];
+    int destroyed = 0, invoked = 0, fds[3];
     {
         std::vector<Framework::Event> events;
         events.reserve(1);  // the next emplace_back grows the vector: events are moved
@@ -87,24 +81,21 @@ TEST(Event, OwnsCallbackAndDescriptorAcrossMovesAndTheWaiterHandlesEachReadyOne)
 
 enum class Behaviour { Ok, Fails, ThrowsStd, ThrowsOther, Intercepted, Echo };
 
-class ScriptedMessage : public Framework::Message {
-public:
-    ScriptedMessage(Behaviour b, int id, std::vector<int>* handled) : behaviour(b), m_id(id), m_handled(handled) {}
+struct ScriptedMessage : Framework::Message {
+    ScriptedMessage(Behaviour b, int id, std::vector<int>* handled) : behaviour(b), id(id), handled(handled) {}
     int MessageHandle(void* task) override {
-        std::shared_ptr<Framework::Message> echo = std::make_shared<ScriptedMessage>(Behaviour::Ok, m_id, m_handled);
+        std::shared_ptr<Framework::Message> echo = std::make_shared<ScriptedMessage>(Behaviour::Ok, id, handled);
         switch (behaviour) {
             case Behaviour::Echo: return static_cast<Framework::Task*>(task)->EnqueueMsg(echo) == 1 ? 0 : -1;
             case Behaviour::Fails: return -1;
             case Behaviour::ThrowsStd: throw std::runtime_error("handler failed");
             case Behaviour::ThrowsOther: throw 42;
-            default: if (m_handled != nullptr) m_handled->push_back(m_id); return 0;
+            default: if (handled != nullptr) handled->push_back(id); return 0;
         }
     }
     const Behaviour behaviour;
-
-private:
-    int m_id;
-    std::vector<int>* m_handled;
+    const int id;
+    std::vector<int>* const handled;
 };
 
 // Serves its queue as the agent's tasks do: sleep while it is empty, else consume.

@@ -36,11 +36,8 @@ public:
     }
     int Run() override {
         while (state() != TASK_CANCELLING) {
-            if (MessageEmpty()) {
-                GetEventWaiter().WaitAndHandleEvent(-1, 128);  // only a wake-up ends the wait
-            } else {
-                BulkConsumeMsg(1024);
-            }
+            BulkConsumeMsg(1024);
+            GetEventWaiter().WaitAndHandleEvent(-1, 128);  // only a wake-up ends the wait
         }
         m_run_returned = true;
         return 0;

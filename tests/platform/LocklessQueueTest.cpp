@@ -74,12 +74,10 @@ TEST(LocklessQueue, NothingLostOrDuplicatedAndProducerOrderKept) {
         }
         for (auto& mine : received) {
             threads.emplace_back([&] {
-                for (;;) {
-                    const bool done = producing.load() == 0;  // read first: a last empty pass ends it
-                    if (queue.DequeueBulk(mine, 32) == 0) {
-                        if (done) break;
-                        std::this_thread::yield();
-                    }
+                // producing is read first: an empty pass after the last producer ended ends it.
+                for (bool done = false; !done; std::this_thread::yield()) {
+                    done = producing.load() == 0;
+                    while (queue.DequeueBulk(mine, 32) != 0) done = false;
                 }
             });
         }

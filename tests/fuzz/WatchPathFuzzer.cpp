@@ -4,8 +4,9 @@
 // instance "ZEV" is made inside a private tracing directory. After every
 // request the registry must hold exactly the subscriptions the requests
 // leave, with the result that follows from them where the names alone decide
-// it. clear() must empty the registry, and the instance must go with the
-// task. Where a
+// it; set_event changes only by the one "system:event" line of a subscribe
+// that was taken. clear() must empty the registry, and the instance must go
+// with the task. Where a
 // malformed name leads in the tracing directory is pinned on the real kernel
 // (tests/task); here the sanitizers watch every name on its way through the
 // file system and libtraceevent.
@@ -57,6 +58,8 @@ bool StaysInside(const std::string& relative, int depth) {
     }
     return true;
 }
+
+using test_support::ReadAll;
 
 struct Fixture {
     Fixture() {
@@ -129,11 +132,18 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
             const auto it = expected.find(names);
             if (it == expected.end() || it->second.erase(watcher->name()) == 0 || !it->second.empty()) decided = 0;
         }
+        const std::string before = ReadAll(instance_dir + "/set_event");
         const int result = Engine::FtraceWatchMessage(watcher, names.first, names.second, remove).MessageHandle(task.get());
+        const std::string after = ReadAll(instance_dir + "/set_event");
         const std::string request_text = std::string(remove ? "remove " : "add ") + names.first + "|" +
                                          names.second + " by " + (watcher ? watcher->name() : "(null)");
         FuzzCheck(result == (decided < 0 ? result & 1 : decided), request_text + ": result " + std::to_string(result));
         FuzzCheck(task->watches() == expected, request_text + ": registry");
+        // One line, and no line feed of a name in it: a name cannot enable another event.
+        const std::string line = after.substr(std::min(before.size(), after.size()));
+        const bool appended = after.compare(0, before.size(), before) == 0 &&
+                              line.rfind(CString(names.first) + ":", 0) == 0 && line.find('\n') == line.size() - 1;
+        FuzzCheck(!remove && result == 0 ? appended : after == before, request_text + ": set_event");
     }
     task->clear();  // what shutdown does, with every key of the registry
     FuzzCheck(task->watches().empty(), "registry not empty after clear");

@@ -28,9 +28,6 @@ TEST(CPUTopologyTest, GrammarAcceptsAndRefusesAndAFileGivesAllOrNothing) {
         {"\t0 - 2 , 5\r\n", true, {0, 1, 2, 5}},
         {"3-1,4", true, {4}},  // a reversed range is well-formed and empty
         {"2147483646-2147483647", true, {INT_MAX - 1, INT_MAX}},  // stops at INT_MAX, no wrap
-        {"-2147483648", true, {INT_MIN}},
-        {"1,1,0", true, {1, 1, 0}},  // kept as listed
-        {"2--1", true, {}},          // from 2 down to -1: reversed
         {"", false, {}},
         {"0-3,", false, {0, 1, 2, 3}},
         {"0,,1", false, {0}},

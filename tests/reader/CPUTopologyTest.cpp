@@ -45,7 +45,7 @@ TEST(CPUTopologyTest, GrammarAcceptsAndRefusesAndAFileGivesAllOrNothing) {
         EXPECT_EQ(c.accepted ? c.written : std::vector<int>(), CPUTopology::GetCPUs(path));
     }
     ::unlink(path);
-    for (const std::string unreadable : {std::string(path), std::string("/tmp")})
+    for (const std::string& unreadable : {std::string(path), std::string("/tmp")})
         EXPECT_EQ(std::vector<int>(), CPUTopology::GetCPUs(unreadable));
     // A sysfs list reports size 0: it must be read to its end all the same.
     EXPECT_EQ(static_cast<size_t>(sysconf(_SC_NPROCESSORS_ONLN)), CPUTopology::GetOnlineCPUs().size());

@@ -99,8 +99,7 @@ struct ScriptedMessage : Framework::Message {
 };
 
 // Serves its queue as the agent's tasks do: sleep while it is empty, else consume.
-class LoopTask : public Framework::Task {
-public:
+struct LoopTask : Framework::Task {
     // A collector: the engine stops it before the other tasks.
     explicit LoopTask(const std::string& name, unsigned int queue_size = 64)
         : Task(name, "test_feature", Framework::TaskCondition::TASK_TYPE_COLLECTOR, queue_size) {}
@@ -163,8 +162,7 @@ TEST(Task, AMessageSentToItselfIsNotLeftWaiting) {
     thread.join();
 }
 
-class ProbeModule : public Framework::Module {
-public:
+struct ProbeModule : Framework::Module {
     ProbeModule() : Module("probe_module") {}
     int Init() override {
         auto* task = new LoopTask("probe_task");

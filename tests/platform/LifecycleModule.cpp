@@ -17,8 +17,7 @@ const std::string kName = LIFECYCLE_NAME;
 
 Framework::Engine& TheEngine() { return dynamic_cast<Framework::Engine&>(Poco::Util::Application::instance()); }
 
-class HelloMessage : public Framework::Message {
-public:
+struct HelloMessage : Framework::Message {
     int MessageHandle(void* context) override {
         TheEngine().Note(static_cast<Framework::Task*>(context)->name() + " handled hello");
         return 0;
@@ -54,8 +53,7 @@ private:
     bool m_run_returned = false;  // written by the task thread, read after it was joined
 };
 
-class LifecycleModule : public Framework::Module {
-public:
+struct LifecycleModule : Framework::Module {
     LifecycleModule() : Module(kName + "_module") {}
     ~LifecycleModule() override { TheEngine().Note(std::string(name()) + ": destroyed"); }
 

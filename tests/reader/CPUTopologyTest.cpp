@@ -30,9 +30,6 @@ TEST(CPUTopologyTest, GrammarAcceptsAndRefusesAndAFileGivesAllOrNothing) {
         {"2147483646-2147483647", true, {INT_MAX - 1, INT_MAX}},  // stops at INT_MAX, no wrap
         {"", false, {}},
         {"0-3,", false, {0, 1, 2, 3}},
-        {"0,,1", false, {0}},
-        {"0-3x", false, {0, 1, 2, 3}},
-        {"0-", false, {0}},
         {"2147483648", false, {}},
         {"1\xa0", false, {1}},  // bytes of 128 and more are never blanks
     };

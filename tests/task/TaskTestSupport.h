@@ -12,8 +12,7 @@ namespace tasktest {
 using test_support::CaptureFtraceLog;
 
 // A task that is no trace-message receiver.
-class PlainTask : public Framework::Task {
-public:
+struct PlainTask : Framework::Task {
     explicit PlainTask(const std::string& name)
         : Framework::Task(name, "test_feature", Framework::TaskCondition::TASK_TYPE_NORMAL, 16) {}
     int Run() override { return 0; }

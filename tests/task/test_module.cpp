@@ -26,8 +26,7 @@ const std::string kLibrary = std::string(FTRACE_BUILD_LIB_DIR) + "/libftrace_mod
 const std::string kExec = "sched_process_exec", kExit = "sched_process_exit";
 constexpr unsigned int kVictimSlots = 16;
 
-class SubscriberModule : public Framework::Module {
-public:
+struct SubscriberModule : Framework::Module {
     SubscriberModule() : Framework::Module("test_subscribers") {}
     int Init() override {
         Framework::Module::Init();

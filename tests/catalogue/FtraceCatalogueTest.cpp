@@ -1,8 +1,8 @@
 // Against a temporary tracing directory holding the committed formats, so that
-// every byte written can be read back: the instance, the lazy format
-// catalogue, the control-file writes with their log lines and standard-error
-// texts, and the record views and message layout, checked against
-// libtraceevent's own readers.
+// every byte written can be read back: the lazy format catalogue, the
+// control-file writes with their log lines and standard-error texts, and the
+// record views and message layout, checked against libtraceevent's own
+// readers.
 
 #include <event-parse.h>
 #include <gtest/gtest.h>
@@ -15,7 +15,6 @@
 #include "FtraceEventLayout.h"
 #include "FtraceMessage.h"
 #include "TestSupport.h"
-#include "TraceFS.h"
 #include "ftrace.h"
 
 using namespace test_support;
@@ -23,12 +22,6 @@ using Lines = std::vector<std::string>;
 
 TEST(FtraceCatalogueTest, LoadsFormatsLazilyAndReportsBadOnesOnStandardError) {
     TempTracingDir tracing("catalogue");
-    {
-        TraceFS top("");  // reaches libtracefs as null, never as the instances directory
-        EXPECT_TRUE(top.IsValid() && !top.IsCreated() && top.dir() == tracing.root);
-    }
-    EXPECT_TRUE(fs::is_directory(tracing.root));
-    EXPECT_FALSE(TraceFS("no/such").IsValid());
     const std::string dir = tracing.Instance("catalogue");
     WriteAll(dir + "/events/bad/garbage/format", "this is not a format\n");
     // No own fields, and a NUL byte after which nothing is read.
@@ -121,9 +114,8 @@ TEST(FtraceControlTest, WritesControlFilesExactlyAndLogsFailures) {
     WriteAll(pids, "1\n2\n");
     rlimit previous{};
     getrlimit(RLIMIT_FSIZE, &previous);
+    const rlimit limited{0, previous.rlim_max};
     const auto previous_handler = std::signal(SIGXFSZ, SIG_IGN);
-    rlimit limited = previous;
-    limited.rlim_cur = 0;
     setrlimit(RLIMIT_FSIZE, &limited);
     ftrace.event_filter_rmv_pid(2);
     setrlimit(RLIMIT_FSIZE, &previous);
@@ -184,10 +176,9 @@ TEST(FtraceViewsTest, DecodingMatchesLibtraceeventForEveryFixture) {
         record.size = data.size();
         record.ts = 0x123456789;
         const FtraceRecord decoded(event, &record);
-        EXPECT_EQ(ftrace.get_event(ftrace.event_id(&record)).get(), event.get());
         const auto message = layout.make_message(decoded);
-        EXPECT_EQ(message->name(), system + ":" + name);
-        EXPECT_EQ(message->get_number("timestamp"), record.ts);
+        EXPECT_EQ(message->name() + " " + std::to_string(message->get_number("timestamp")),
+                  system + ":" + name + " " + std::to_string(record.ts));
 
         trace_seq seq;
         trace_seq_init(&seq);

@@ -11,6 +11,7 @@
 
 #include <csignal>
 #include <cstring>
+#include <tuple>
 
 #include "FtraceEventLayout.h"
 #include "FtraceMessage.h"
@@ -93,19 +94,15 @@ TEST(FtraceControlTest, WritesControlFilesExactlyAndLogsFailures) {
     EXPECT_EQ(ReadAll(pids), "42\n-7\n");
     ftrace.event_filter_clean_all();
     EXPECT_EQ(ReadAll(pids), "");
-    // Removing a pid rewrites the kept lines.
-    const struct {
-        std::string before;
-        int pid;
-        std::string after;
-    } rows[] = {
+    // Removing a pid rewrites the kept lines: the list before, the pid, the list after.
+    const std::tuple<std::string, int, std::string> rows[] = {
         {"1\n2\n3\n", 2, "1\n3"}, {"5\n5\n6\n", 5, "6"}, {"5\n", 5, ""}, {"1\n\n2\n", 2, "1\n"},
         {" 7\n07\n7\n", 7, " 7\n07"}, {"1\n2\n", 9, "1\n2"}, {"", 3, ""}, {"8", 8, ""}, {"-4\n4\n", -4, "4"},
     };
-    for (const auto& row : rows) {
-        WriteAll(pids, row.before);
-        ftrace.event_filter_rmv_pid(row.pid);
-        EXPECT_EQ(ReadAll(pids), row.after) << row.before << " - " << row.pid;
+    for (const auto& [before, pid, after] : rows) {
+        WriteAll(pids, before);
+        ftrace.event_filter_rmv_pid(pid);
+        EXPECT_EQ(ReadAll(pids), after) << before << " - " << pid;
     }
     EXPECT_EQ(log->lines(true), Lines{});
 

@@ -208,19 +208,17 @@ TEST(Engine, RunsModuleTasksThatTalkByNameAndShutsDownInOrder) {
 }
 
 TEST(Engine, ModulesThatCannotStartAreUnloadedWithTheReason) {
-    const struct {
-        const char* path;
-        const char* error;
-    } cases[] = {
+    // Module path, reason.
+    const std::pair<const char*, const char*> cases[] = {
         {"/nonexistent/libnothing.so", "/nonexistent/libnothing.so: cannot open shared object file"},
         {SDK_LIBRARY_PATH, "undefined symbol: CreateModule"},
         {FAILING_MODULE_PATH, "Init returned -1"},
     };
     Framework::Engine engine;
-    for (const auto& c : cases) {
+    for (const auto& [path, reason] : cases) {
         std::string error;
-        EXPECT_EQ(engine.LoadModule(c.path, &error), -1) << c.path;
-        EXPECT_THAT(error, HasSubstr(c.error));
+        EXPECT_EQ(engine.LoadModule(path, &error), -1) << path;
+        EXPECT_THAT(error, HasSubstr(reason));
     }
     EXPECT_TRUE(engine.TaskNames().empty());
     EXPECT_FALSE(IsLoaded(FAILING_MODULE_PATH));

@@ -92,19 +92,17 @@ TEST(LocklessQueue, NothingLostOrDuplicatedAndProducerOrderKept) {
 }
 
 TEST(LocklessQueue, BatchesKeepFifoOrderAtAnyPositionAndStopWhenFull) {
-    const struct {
-        uint32_t start;  // all four counters
-        int batch;
-    } cases[] = {{0, 7}, {5, 3}, {6, 5}, {3, 8}, {0xFFFFFFFDu, 6}, {0xFFFFFFF9u, 7}};
-    for (const auto& c : cases) {
-        SCOPED_TRACE(testing::Message() << "start " << c.start << " batch " << c.batch);
-        PositionedQueue queue(0, c.start);
+    // Where all four counters start, batch size.
+    const std::pair<uint32_t, int> cases[] = {{0, 7}, {5, 3}, {6, 5}, {3, 8}, {0xFFFFFFFDu, 6}, {0xFFFFFFF9u, 7}};
+    for (const auto& [start, batch] : cases) {
+        SCOPED_TRACE(testing::Message() << "start " << start << " batch " << batch);
+        PositionedQueue queue(0, start);
         for (int round = 0; round < 3; ++round) {  // later rounds start where the last ended
-            ASSERT_EQ(queue.EnqueueBulk(Batch(round * 100, c.batch), 0), c.batch);  // the count is ignored
+            ASSERT_EQ(queue.EnqueueBulk(Batch(round * 100, batch), 0), batch);  // the count is ignored
             std::vector<int> out;
-            EXPECT_EQ(queue.DequeueBulk(out, c.batch / 2), c.batch / 2);
-            EXPECT_EQ(queue.DequeueBulk(out, -1), c.batch - c.batch / 2);
-            EXPECT_EQ(out, Batch(round * 100, c.batch));
+            EXPECT_EQ(queue.DequeueBulk(out, batch / 2), batch / 2);
+            EXPECT_EQ(queue.DequeueBulk(out, -1), batch - batch / 2);
+            EXPECT_EQ(out, Batch(round * 100, batch));
         }
         EXPECT_TRUE(queue.Empty());
     }

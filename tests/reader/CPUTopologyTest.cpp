@@ -7,6 +7,7 @@
 #include <fstream>
 #include <iterator>
 #include <memory>
+#include <tuple>
 
 #include "CPUTopology.h"
 #include "FileDescriptor.h"
@@ -19,11 +20,8 @@ using Engine::CPUTopology;
 TEST(CPUTopologyTest, GrammarAcceptsAndRefusesAndAFileGivesAllOrNothing) {
     char path[] = "/tmp/ftrace-cpus-XXXXXX";
     ::close(::mkstemp(path));
-    const struct {
-        std::string text;
-        bool accepted;
-        std::vector<int> written;  // also what a refused text leaves behind
-    } cases[] = {
+    // Text, accepted, what is written (also what a refused text leaves behind).
+    const std::tuple<std::string, bool, std::vector<int>> cases[] = {
         {"0-3,8-11\n", true, {0, 1, 2, 3, 8, 9, 10, 11}},
         {"\t0 - 2 , 5\r\n", true, {0, 1, 2, 5}},
         {"3-1,4", true, {4}},  // a reversed range is well-formed and empty
@@ -33,13 +31,13 @@ TEST(CPUTopologyTest, GrammarAcceptsAndRefusesAndAFileGivesAllOrNothing) {
         {"2147483648", false, {}},
         {"1\xa0", false, {1}},  // bytes of 128 and more are never blanks
     };
-    for (const auto& c : cases) {
-        SCOPED_TRACE("text \"" + c.text + "\"");
+    for (const auto& [text, accepted, written] : cases) {
+        SCOPED_TRACE("text \"" + text + "\"");
         std::vector<int> out;
-        EXPECT_EQ(c.accepted, CPUTopology::ParseCPUs(c.text.begin(), c.text.end(), std::back_inserter(out)));
-        EXPECT_EQ(c.written, out);
-        std::ofstream(path) << c.text;
-        EXPECT_EQ(c.accepted ? c.written : std::vector<int>(), CPUTopology::GetCPUs(path));
+        EXPECT_EQ(accepted, CPUTopology::ParseCPUs(text.begin(), text.end(), std::back_inserter(out)));
+        EXPECT_EQ(written, out);
+        std::ofstream(path) << text;
+        EXPECT_EQ(accepted ? written : std::vector<int>(), CPUTopology::GetCPUs(path));
     }
     ::unlink(path);
     for (const std::string& unreadable : {std::string(path), std::string("/tmp")})

@@ -25,13 +25,16 @@ struct Seen {  // copied out: the record points into the reader's page
     std::vector<uint8_t> data;
 };
 
+// Throws once a walk delivers more records than any test page holds: a walk that does not end.
 void Collect(FtraceRecord& record, void* context) {
+    auto& seen = *static_cast<std::vector<Seen>*>(context);
+    if (seen.size() >= 8) throw std::runtime_error("the walk does not end");
     const tep_record& raw = *record.record();
     std::ostringstream text;
     text << record.event_name() << " cpu " << raw.cpu << " ts " << raw.ts << " offset " << raw.offset << " missed "
          << raw.missed_events << " size " << raw.record_size << "/" << raw.size;
     const auto* data = static_cast<const uint8_t*>(raw.data);
-    static_cast<std::vector<Seen>*>(context)->push_back({text.str(), std::vector<uint8_t>(data, data + raw.size)});
+    seen.push_back({text.str(), std::vector<uint8_t>(data, data + raw.size)});
 }
 
 class FtracePerCPUReaderTest : public ::testing::Test {
@@ -108,11 +111,7 @@ TEST_F(FtracePerCPUReaderTest, CorruptLengthsAreCutOrEndThePage) {
         page.records.insert(page.records.end(), payload.begin(), payload.end());
         FtracePerCPUReader reader(*ftrace, Pipe(page.bytes(page_size)), 0);
         std::vector<Seen> seen;
-        const auto bounded = [](FtraceRecord& record, void* context) {
-            if (static_cast<std::vector<Seen>*>(context)->size() >= 8) throw std::runtime_error("the walk does not end");
-            Collect(record, context);
-        };
-        EXPECT_EQ(2, reader.read_once(*ftrace, bounded, &seen));
+        EXPECT_EQ(2, reader.read_once(*ftrace, Collect, &seen));
         ASSERT_EQ(1u, seen.size()) << length;
         EXPECT_EQ(static_cast<int>(page_size) - 24, static_cast<int>(seen[0].data.size())) << length;
     }
@@ -158,8 +157,7 @@ TEST_F(FtracePerCPUReaderTest, ThrottleKeepsTheThreadWithinItsBudgetUntilRelease
         if (percent == 1) SDK::InnerCpuCtrlUtils::ReleaseThread(id);
         thread.join();
         SDK::InnerCpuCtrlUtils::RestoreThread(id);
-        EXPECT_EQ(2, result) << percent;
-        EXPECT_EQ(20, delivered) << percent;
+        EXPECT_TRUE(result == 2 && delivered == 20) << percent << ": " << result << ", " << delivered;
         // Released: done well within 2 s. Throttled: under half a CPU.
         EXPECT_LT(percent == 1 ? seconds / 4 : share, 0.5) << percent;
     }

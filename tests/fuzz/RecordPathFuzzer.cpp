@@ -130,9 +130,8 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
     }
     const std::vector<uint8_t> bytes = page.bytes(layout & 4 ? page_size : 0);  // a whole page or a short read
     FuzzCheck(write(fixture.writer.get(), bytes.data(), bytes.size()) == static_cast<ssize_t>(bytes.size()), "pipe write");
-    int result;
-    while ((result = fixture.reader->read_once(fixture.task->ftrace(), CheckRecord, nullptr)) == 2) {
-    }
+    int result = 2;  // a page was read: read on until the pipe is empty
+    while (result == 2) result = fixture.reader->read_once(fixture.task->ftrace(), CheckRecord, nullptr);
     FuzzCheck(result == 1, "reading the pipe failed");
     return 0;
 }

@@ -24,7 +24,6 @@
 namespace {
 
 using ::testing::ElementsAre;
-using ::testing::HasSubstr;
 
 bool IsOpen(int fd) { return ::fcntl(fd, F_GETFD) != -1; }
 
@@ -218,7 +217,7 @@ TEST(Engine, ModulesThatCannotStartAreUnloadedWithTheReason) {
     for (const auto& [path, reason] : cases) {
         std::string error;
         EXPECT_EQ(engine.LoadModule(path, &error), -1) << path;
-        EXPECT_THAT(error, HasSubstr(reason));
+        EXPECT_THAT(error, testing::HasSubstr(reason));
     }
     EXPECT_TRUE(engine.TaskNames().empty());
     EXPECT_FALSE(IsLoaded(FAILING_MODULE_PATH));

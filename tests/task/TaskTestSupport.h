@@ -9,8 +9,6 @@
 
 namespace tasktest {
 
-using test_support::CaptureFtraceLog;
-
 // A task that is no trace-message receiver.
 struct PlainTask : Framework::Task {
     explicit PlainTask(const std::string& name)

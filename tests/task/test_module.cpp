@@ -70,7 +70,7 @@ using FtraceModuleTest = TracefsTest;
 TEST_F(FtraceModuleTest, DeliversOneSharedMessageToEverySubscriber) {
     auto engine = std::make_unique<Framework::Engine>();
     // Poco's application points every existing logger at the console: capture afterwards.
-    auto log = tasktest::CaptureFtraceLog(Poco::Message::PRIO_INFORMATION);
+    auto log = test_support::CaptureFtraceLog(Poco::Message::PRIO_INFORMATION);
     std::string error;
     // Low-latency wake-up settings, as ftrace-agent stores them: the
     // watermark is written before the readers are polled.

@@ -12,7 +12,7 @@
 using WatchRegistryTest = TracefsTest;
 
 TEST_F(WatchRegistryTest, EnableOnEveryNewSubscriberDisableOnLast) {
-    auto log = tasktest::CaptureFtraceLog(Poco::Message::PRIO_INFORMATION);
+    auto log = test_support::CaptureFtraceLog(Poco::Message::PRIO_INFORMATION);
     const std::set<std::string> none;
     tasktest::PlainTask a("A"), b("B");
     const std::string sys = "sched", event = "sched_process_fork", known = "sched:sched_process_fork";

@@ -42,6 +42,7 @@ private:
     Output& m_output;
     bool m_output_broken = false;
     bool m_limit_reached = false;
+    int m_nice;  // of this task's thread; FtraceWakeup::kKeepNice leaves it alone
 };
 
 }  // namespace Agent

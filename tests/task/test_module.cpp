@@ -158,7 +158,7 @@ TEST_F(FtraceModuleTest, DeliversOneSharedMessageToEverySubscriber) {
     for (const char* line : {"6 Ftrace module init", "6 Ftrace task init", "6 Ftrace task Run",
                              "6 Ftrace buffer: 2040 KiB per CPU",
                              "6 Ftrace wake-up: readers wake at buffer_percent 0, next wait held off 4 ms after a pass "
-                             "that read records"})
+                             "that read records, reading thread at nice -10"})
         EXPECT_TRUE(logged(line)) << line;
 
     // The stuck ones lose their own messages (their queues fill, then drop);

@@ -135,8 +135,8 @@ void FtraceAgent::defineOptions(Poco::Util::OptionSet& options) {
     NatsSettings::DefineOptions(options);
     options.addOption(Option("latency", "l",
                              "low (default): an event is read within milliseconds of happening, and a burst is "
-                             "read in whole pages every few milliseconds; batch: records are read when a CPU's "
-                             "buffer is half full or after at most a second")
+                             "read in whole pages every few milliseconds, by threads at nice -10; batch: records "
+                             "are read when a CPU's buffer is half full or after at most a second")
                           .argument("low|batch"));
     options.addOption(Option("duration", "d", "stop after SECONDS (fractions allowed)").argument("SECONDS"));
     options.addOption(Option("count", "c", "stop after N messages").argument("N"));

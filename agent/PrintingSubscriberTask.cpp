@@ -1,9 +1,12 @@
 #include "PrintingSubscriberTask.h"
 
 #include <Poco/Logger.h>
+
+#include <cstring>
 #include <memory>
 
 #include "Framework/Engine.h"
+#include "FtraceWakeup.h"
 #include "FtraceWatchMessage.h"
 #include "Output.h"
 #include "ReceiveStatistics.h"
@@ -33,7 +36,12 @@ PrintingSubscriberTask::PrintingSubscriberTask(Framework::Engine& engine, const 
       m_events(options.events),
       m_limit(options.count),
       m_statistics(statistics),
-      m_output(output) {}
+      m_output(output),
+      // Every message passes through this thread after the ftrace task's: with
+      // low latency both run at the same nice, or a storm would hold the
+      // messages up here instead.
+      m_nice(options.latency == Latency::Low ? ::Engine::FtraceWakeup::LowLatency().reader_nice
+                                             : ::Engine::FtraceWakeup::kKeepNice) {}
 
 void PrintingSubscriberTask::SendWatchRequests(bool remove) {
     Framework::Task* ftrace_task = m_engine.FindTask(kFtraceTaskName);
@@ -52,6 +60,14 @@ void PrintingSubscriberTask::SendWatchRequests(bool remove) {
 }
 
 int PrintingSubscriberTask::Run() {
+    if (m_nice != ::Engine::FtraceWakeup::kKeepNice) {
+        if (const int error = ::Engine::FtraceWakeup::SetCallingThreadNice(m_nice)) {
+            Log(Poco::Message::PRIO_WARNING,
+                "the printing thread keeps its priority: nice " + std::to_string(m_nice) + " refused (" +
+                    std::strerror(error) + ")",
+                __LINE__);
+        }
+    }
     m_output.Start();
     SendWatchRequests(false);
     while (state() != Poco::Task::TASK_CANCELLING) {

@@ -45,6 +45,7 @@ private:
     bool m_limit_reached = false;
     // The shared pointer of the message being handled, so that the output can keep it.
     const std::shared_ptr<Framework::Message>* m_current = nullptr;
+    int m_nice;  // of this task's thread; FtraceWakeup::kKeepNice leaves it alone
 };
 
 }  // namespace Agent

@@ -29,12 +29,13 @@ TEST_F(AgentTest, EventsArePrintedInEachFormatAndAStopSignalCleansUp) {
         const char* after;
         int stop_signal;
         std::vector<std::string> options;
+        int nice = -10;  // of the reading and the printing thread
     } cases[] = {
         // The default module directory: build/module, as <prefix>/module when installed.
         {"text", nullptr, R"([0-9]+\.[0-9]{6} )", " sched:sched_process_exec filename=/bin/true pid=[0-9]+ old_pid=[0-9]+\n", SIGINT, {}},
         // The kernel's watermark: a lone exec is read by the drain after the bounded wait.
         {"raw", nullptr, "sched:sched_process_exec [^\n]* pid: ", ",[^\n]*filename: /bin/true\\0", SIGINT,
-         {"--latency=batch"}},
+         {"--latency=batch"}, 0},
         // A closed terminal; a duration longer than a clock can hold means until stopped.
         {"json", nullptr, R"(\{"name":"sched:sched_process_exec"[^\n]*"pid":)", R"(,[^\n]*"filename":"/bin/true\\u0000")",
          SIGHUP, {"--module-dir=" + copy, "--duration=1e308"}},
@@ -49,6 +50,20 @@ TEST_F(AgentTest, EventsArePrintedInEachFormatAndAStopSignalCleansUp) {
         if (c.event) options.push_back("--events=sched:sched_process_exec," + std::string(c.event));
         AgentProcess agent(options);
         if (!WaitUntilTracing(agent, "sched_process_exec")) return;
+        for (const std::string thread : {"ftrace_task", "ftrace_agent_pr"}) {
+            int found = 0;
+            for (const auto& entry : std::filesystem::directory_iterator("/proc/" + std::to_string(agent.Pid()) + "/task")) {
+                if (Read((entry.path() / "comm").string()) != thread + "\n") continue;
+                // The nice value is the 19th field, the 17th after the command's closing parenthesis.
+                const std::string stat = Read((entry.path() / "stat").string());
+                std::istringstream fields(stat.substr(stat.rfind(')') + 2));
+                std::string field;
+                for (int i = 0; i < 17; ++i) fields >> field;
+                EXPECT_EQ(field, std::to_string(c.nice)) << thread;
+                ++found;
+            }
+            EXPECT_EQ(found, 1) << thread;
+        }
         const pid_t pid = c.event ? getpid() : SpawnTrue();
         // Records reach the reader at the buffer watermark or after its bounded 1000 ms wait.
         const std::regex line(std::string("(^|\n)") + c.before + std::to_string(pid) + c.after);

@@ -128,7 +128,7 @@ TEST_F(FtraceModuleTest, DeliversOneSharedMessageToEverySubscriber) {
     EXPECT_TRUE(logged("6 FtraceTask::send_ftrace_message: Task ghost not found"));
     EXPECT_TRUE(logged("6 Ftrace buffer: 2040 KiB per CPU"));
     EXPECT_TRUE(logged("6 Ftrace wake-up: readers wake at buffer_percent 0, next wait held off 4 ms after a pass that "
-                       "read records"));
+                       "read records, reading thread at nice -10"));
 
     // The stopped one loses its own messages (its queue fills, then drops);
     // the reader never blocks on it, and a steady one gets every exec.

@@ -9,6 +9,7 @@
 #include <cctype>
 #include <climits>
 #include <cstdlib>
+#include <cstring>
 #include <iterator>
 #include <typeinfo>
 
@@ -164,6 +165,13 @@ std::vector<FtracePerCPUReader*> FtraceTask::CreateReaders(Ftrace& ftrace) {
 int FtraceTask::Run() {
     using Clock = std::chrono::steady_clock;
     FTRACE_LOG_TO(m_logger, Poco::Message::PRIO_INFORMATION, "Ftrace task Run");
+    if (m_wakeup.reader_nice != FtraceWakeup::kKeepNice) {
+        if (const int error = FtraceWakeup::SetCallingThreadNice(m_wakeup.reader_nice)) {
+            FTRACE_LOG_TO(m_logger, Poco::Message::PRIO_WARNING,
+                          "Ftrace reading thread keeps its priority: nice %d refused (%s)", m_wakeup.reader_nice,
+                          std::string(std::strerror(error)));
+        }
+    }
     const bool coalescing = m_wakeup.coalesce_ms > 0;
     BulkConsumeMsg(kMessagesPerBatch);
     while (state() != kStateCancelling) {

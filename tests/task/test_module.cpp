@@ -170,6 +170,23 @@ TEST_F(FtraceModuleTest, DeliversOneSharedMessageToEverySubscriber) {
     engine.reset();  // shuts the tasks down: the instance it made is gone (TearDown checks)
 }
 
+// As a user without the right to make the instance: the module declines with
+// the root logger's warning, and no task is left behind.
+TEST(FtraceModuleEntryTest, DeclinesWhenTheInstanceCannotBeCreated) {
+    EXPECT_EXIT(
+        {
+            Framework::Engine engine;
+            Poco::AutoPtr<test_support::CapturingChannel> root(new test_support::CapturingChannel);
+            Poco::Logger::setChannel("", root);  // every logger, also ones an earlier test made
+            if (setuid(65534) != 0) _exit(2);
+            std::cerr << "result " << engine.LoadModule(kLibrary) << ", tasks " << engine.TaskNames().size();
+            for (const std::string& line : root->lines())
+                if (line.find("FtraceFS") != std::string::npos) std::cerr << "\n" << line;
+            _exit(0);
+        },
+        testing::ExitedWithCode(0), "result -1, tasks 0\n4 Failed to init FtraceFS\\(-1\\), perhaps not support$");
+}
+
 TEST(FtraceModuleEntryTest, DynamicSectionAsTheLoaderExpects) {
     const std::string readelf = "readelf -W -d " + kLibrary + " | sed -n -E ";
     // Sanitizer runtimes put themselves first; they are not the module's choice.

@@ -9,7 +9,6 @@
 #include <sys/mman.h>
 #include <sys/prctl.h>
 #include <sys/stat.h>
-#include <sys/types.h>
 #include <sys/wait.h>
 #include <unistd.h>
 
@@ -20,6 +19,8 @@
 #include <string>
 #include <thread>
 #include <vector>
+
+#include "TestSupport.h"
 
 class AgentProcess {
 public:
@@ -51,51 +52,35 @@ public:
             execv(argv[0], argv.data());
             _exit(127);
         }
-        close(out[1]);
-        if (m_pid > 0) {
-            m_reader = std::thread(&AgentProcess::ReadStdout, this, out[0]);
-        } else {
-            close(out[0]);
-        }
+        close(out[1]);  // without a child the reader sees the end at once
+        m_reader = std::thread(&AgentProcess::ReadStdout, this, out[0]);
     }
-    // SIGTERM if still running (SIGKILL after 10 s), then reaped.
+    // A test that failed half-way: a clean stop first, so that nothing is left
+    // enabled in tracefs (SIGKILL after 10 s), then reaped.
     ~AgentProcess() {
-        if (m_pid > 0 && !m_reaped) {
-            // A test that failed half-way: a clean stop first, so that nothing is
-            // left enabled in tracefs.
-            kill(m_pid, SIGTERM);
-            if (Wait(std::chrono::seconds(10)) < 0) kill(m_pid, SIGKILL);
-        }
-        if (m_pid > 0 && !m_reaped) waitpid(m_pid, nullptr, 0);
-        if (m_reader.joinable()) m_reader.join();
+        Signal(SIGTERM);
+        if (Wait(std::chrono::seconds(10)) < 0) Signal(SIGKILL);
+        Wait(std::chrono::hours(1));
         if (m_stderr >= 0) close(m_stderr);
     }
-    AgentProcess(const AgentProcess&) = delete;
-    AgentProcess& operator=(const AgentProcess&) = delete;
 
     pid_t Pid() const { return m_pid; }
     void Signal(int signal_number) const {
-        if (m_pid > 0 && !m_reaped) kill(m_pid, signal_number);
+        if (m_pid > 0 && m_status < 0) kill(m_pid, signal_number);
     }
     // Exit status (128 + signal when killed by one), or -1 while it still
     // runs after `timeout`; once it ended, its output is read to the end.
-    int Wait(std::chrono::milliseconds timeout) {
-        const auto deadline = std::chrono::steady_clock::now() + timeout;
-        while (m_pid > 0 && !m_reaped) {
-            int status = 0;
-            if (waitpid(m_pid, &status, WNOHANG) == m_pid) {
-                m_reaped = true;
-                m_status = WIFEXITED(status) ? WEXITSTATUS(status) : 128 + WTERMSIG(status);
-            } else if (std::chrono::steady_clock::now() >= deadline) {
-                return -1;
-            } else {
-                std::this_thread::sleep_for(std::chrono::milliseconds(10));
-            }
+    int Wait(std::chrono::seconds timeout) {
+        int status = 0;
+        if (m_pid > 0 && m_status < 0) {
+            const auto reaped = [&] { return waitpid(m_pid, &status, WNOHANG) == m_pid; };
+            if (!test_support::WaitFor(reaped, static_cast<int>(timeout.count()))) return -1;
+            m_status = WIFEXITED(status) ? WEXITSTATUS(status) : 128 + WTERMSIG(status);
         }
         if (m_reader.joinable()) m_reader.join();
         return m_status;
     }
-    bool Running() { return Wait(std::chrono::milliseconds(0)) < 0; }
+    bool Running() { return Wait(std::chrono::seconds(0)) < 0; }
     std::string Stdout() {
         std::lock_guard<std::mutex> lock(m_mutex);
         return m_stdout;
@@ -125,8 +110,7 @@ private:
     }
 
     pid_t m_pid = -1;
-    int m_status = -1;
-    bool m_reaped = false;
+    int m_status = -1;  // until reaped
     int m_stderr = -1;  // a memory file
     LineHandler m_on_line;
     std::mutex m_mutex;

@@ -13,11 +13,17 @@ namespace {
 
 using NatsTest = TracefsTest;
 
-int FreePort() {
-    const int fd = socket(AF_INET, SOCK_STREAM, 0);
+sockaddr_in Loopback(int port) {
     sockaddr_in address{};
     address.sin_family = AF_INET;
     address.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
+    address.sin_port = htons(static_cast<uint16_t>(port));
+    return address;
+}
+
+int FreePort() {
+    const int fd = socket(AF_INET, SOCK_STREAM, 0);
+    sockaddr_in address = Loopback(0);
     socklen_t length = sizeof address;
     bind(fd, reinterpret_cast<sockaddr*>(&address), sizeof address);
     getsockname(fd, reinterpret_cast<sockaddr*>(&address), &length);
@@ -27,32 +33,21 @@ int FreePort() {
 
 std::string Url(int port) { return "nats://127.0.0.1:" + std::to_string(port); }
 
-// A client of the servers at `urls`; js stays null when none answers.
-struct JetStream {
-    explicit JetStream(const std::string& urls) {
-        if (natsConnection_ConnectTo(&connection, urls.c_str()) == NATS_OK)
-            natsConnection_JetStream(&js, connection, nullptr);
-    }
-    ~JetStream() {
-        jsCtx_Destroy(js);
-        natsConnection_Destroy(connection);
-    }
+// Every message of the stream FTRACE as (subject, data); their events go to `printed`.
+std::vector<std::pair<std::string, std::string>> StreamMessages(const std::string& url, PrintedEvents& printed) {
+    std::vector<std::pair<std::string, std::string>> messages;
     natsConnection* connection = nullptr;
     jsCtx* js = nullptr;
-};
-
-// Every message of the stream FTRACE as (subject, data); their events go to `printed`.
-std::vector<std::pair<std::string, std::string>> StreamMessages(const std::string& urls, PrintedEvents& printed) {
-    std::vector<std::pair<std::string, std::string>> messages;
-    JetStream client(urls);
     jsStreamInfo* info = nullptr;
     natsSubscription* subscription = nullptr;
     jsSubOptions options;
     jsSubOptions_Init(&options);
     options.Stream = "FTRACE";
     options.Config.AckPolicy = js_AckNone;  // (libnats 3.4 aborts on some ordered-consumer resets)
-    if (client.js && js_GetStreamInfo(&info, client.js, "FTRACE", nullptr, nullptr) == NATS_OK &&
-        js_SubscribeSync(&subscription, client.js, ">", nullptr, &options, nullptr) == NATS_OK) {
+    if (natsConnection_ConnectTo(&connection, url.c_str()) == NATS_OK &&
+        natsConnection_JetStream(&js, connection, nullptr) == NATS_OK &&
+        js_GetStreamInfo(&info, js, "FTRACE", nullptr, nullptr) == NATS_OK &&
+        js_SubscribeSync(&subscription, js, ">", nullptr, &options, nullptr) == NATS_OK) {
         natsMsg* msg = nullptr;
         while (messages.size() < info->State.Msgs && natsSubscription_NextMsg(&msg, subscription, 5000) == NATS_OK) {
             const auto& [subject, data] = messages.emplace_back(
@@ -64,6 +59,8 @@ std::vector<std::pair<std::string, std::string>> StreamMessages(const std::strin
     if (subscription != nullptr) natsSubscription_Unsubscribe(subscription);  // and its consumer with it
     natsSubscription_Destroy(subscription);
     jsStreamInfo_Destroy(info);
+    jsCtx_Destroy(js);
+    natsConnection_Destroy(connection);
     return messages;
 }
 
@@ -78,91 +75,69 @@ std::string HostToken() {
     return std::regex_replace(name, std::regex("[^A-Za-z0-9_-]"), "_");
 }
 
-// N nats-server nodes with JetStream on 127.0.0.1, one cluster when N > 1;
-// `extra` adds options.
-class NatsServers {
+// A nats-server with JetStream on 127.0.0.1, its store and log in a
+// temporary directory; `extra` adds options.
+class NatsServer {
 public:
-    explicit NatsServers(int nodes, const std::string& extra = "") : m_extra(extra) {
+    explicit NatsServer(const std::string& extra = "") : m_port(FreePort()) {
         char dir[] = "/tmp/ftrace-nats-XXXXXX";
         m_dir = mkdtemp(dir);
-        for (int i = 0; i < nodes; ++i) m_nodes.push_back({FreePort(), FreePort(), -1});
-        for (int i = 0; i < nodes; ++i) Start(i);
+        m_command = "exec nats-server -a 127.0.0.1 -p " + std::to_string(m_port) + " -js -sd " + m_dir + extra +
+                    " 2>>" + m_dir + "/log";
+        Start();
     }
-    ~NatsServers() {
-        for (size_t i = 0; i < m_nodes.size(); ++i) Kill(i);
-        if (!::testing::Test::HasFailure()) std::system(("rm -rf " + m_dir).c_str());  // kept with its logs
+    ~NatsServer() {
+        Kill();
+        if (!::testing::Test::HasFailure()) std::system(("rm -rf " + m_dir).c_str());  // kept with its log
     }
-    void Start(size_t i) {
-        const std::string name = std::to_string(i);
-        std::string command = "exec nats-server -a 127.0.0.1 -p " + std::to_string(m_nodes[i].port) + " -js -sd " +
-                              m_dir + "/n" + name + " -n n" + name + m_extra;
-        if (m_nodes.size() > 1) {
-            command += " --cluster_name ftrace --cluster " + Url(m_nodes[i].cluster_port) + " --routes ";
-            for (const auto& node : m_nodes) command += Url(node.cluster_port) + (&node == &m_nodes.back() ? "" : ",");
-        }
-        command += " 2>>" + m_dir + "/log" + name;
-        m_nodes[i].pid = fork();
-        if (m_nodes[i].pid == 0) {
+    void Start() {
+        m_pid = fork();
+        if (m_pid == 0) {
             // Gone with the test, and without its descriptors (a held flock among them).
             prctl(PR_SET_PDEATHSIG, SIGKILL);
             closefrom(3);
-            execl("/bin/sh", "sh", "-c", command.c_str(), static_cast<char*>(nullptr));
+            execl("/bin/sh", "sh", "-c", m_command.c_str(), static_cast<char*>(nullptr));
             _exit(127);
         }
     }
-    void Kill(size_t i) {
-        if (m_nodes[i].pid <= 0) return;
-        kill(m_nodes[i].pid, SIGKILL);
-        waitpid(m_nodes[i].pid, nullptr, 0);
-        m_nodes[i].pid = -1;
+    void Kill() {
+        if (m_pid > 0 && kill(m_pid, SIGKILL) == 0) waitpid(m_pid, nullptr, 0);
+        m_pid = -1;
     }
-    std::string Urls() const {
-        std::string urls;
-        for (const auto& node : m_nodes) urls += (urls.empty() ? "" : ",") + Url(node.port);
-        return urls;
-    }
-    // Until JetStream answers (in a cluster: once it elected its leader).
+    std::string Url() const { return ::Url(m_port); }
+    // Until it takes connections: a single server has JetStream up by then.
     bool WaitReady() const {
         return WaitFor([&] {
-            JetStream client(Urls());
-            jsAccountInfo* info = nullptr;
-            const bool ready = client.js && js_GetAccountInfo(&info, client.js, nullptr, nullptr) == NATS_OK;
-            jsAccountInfo_Destroy(info);
-            return ready;
+            const int fd = socket(AF_INET, SOCK_STREAM | SOCK_CLOEXEC, 0);
+            const sockaddr_in address = Loopback(m_port);
+            const bool up = connect(fd, reinterpret_cast<const sockaddr*>(&address), sizeof address) == 0;
+            close(fd);
+            return up;
         }, 30);
     }
 
 private:
-    struct Node {
-        int port;
-        int cluster_port;
-        pid_t pid;
-    };
+    int m_port;
+    pid_t m_pid = -1;
     std::string m_dir;
-    std::vector<Node> m_nodes;
-    std::string m_extra;
+    std::string m_command;
 };
 
-// Process life while the first server is down for a while: every message is
+// Process life while the server is down for a while: every message is
 // acknowledged once stored, or dropped and counted; an acknowledged message is
 // in the stream exactly once.
 TEST_F(NatsTest, PublishedMessagesAreStoredOrCountedThroughOutages) {
     const struct {
-        const char* name;
-        int nodes;
         const char* buffer;  // --nats-buffer
         bool drops;          // whether some messages must be dropped
-    } cases[] = {
-        {"cluster of 3, stream of 3 replicas, one node down and back", 3, "64MiB", false},
-        {"the only server down and back", 1, "64MiB", false},
-        {"the only server down and back, tiny buffer", 1, "4", true},
-    };
+    } cases[] = {{"64MiB", false}, {"4", true}};
     for (const auto& c : cases) {
-        SCOPED_TRACE(c.name);
-        NatsServers servers(c.nodes);
-        ASSERT_TRUE(servers.WaitReady());
-        AgentProcess agent({"--output=" + servers.Urls(), "--nats-stream=FTRACE",
-                            "--nats-replicas=" + std::to_string(c.nodes), "--nats-buffer=" + std::string(c.buffer)});
+        SCOPED_TRACE(c.buffer);
+        NatsServer server;
+        ASSERT_TRUE(server.WaitReady());
+        // The first server of the list never answers.
+        AgentProcess agent({"--output=" + Url(FreePort()) + "," + server.Url(), "--nats-stream=FTRACE",
+                            "--nats-buffer=" + std::string(c.buffer)});
         // The last of the three events to go on: every child has its exec and exit.
         if (!WaitUntilTracing(agent, "sched_process_exit")) break;
         std::atomic<bool> spawning{true};
@@ -171,18 +146,18 @@ TEST_F(NatsTest, PublishedMessagesAreStoredOrCountedThroughOutages) {
             while (spawning) pids.push_back(SpawnTrue());
         });
         PrintedEvents ignored;
-        EXPECT_TRUE(WaitFor([&] { return StreamMessages(servers.Urls(), ignored).size() >= 30; }, 30));
-        servers.Kill(0);
+        EXPECT_TRUE(WaitFor([&] { return StreamMessages(server.Url(), ignored).size() >= 30; }, 30));
+        server.Kill();
         std::this_thread::sleep_for(std::chrono::seconds(3));  // the outage itself
-        servers.Start(0);
-        EXPECT_TRUE(servers.WaitReady()) << "no JetStream after the restart";
+        server.Start();
+        EXPECT_TRUE(server.WaitReady()) << "not restarted";
         spawning = false;
         spawner.join();
         // Records still in the kernel at the stop are not the output's to count: stop once the last child is in.
         const pid_t last = pids.back();
         EXPECT_TRUE(c.drops || WaitFor([&] {
             PrintedEvents printed;
-            StreamMessages(servers.Urls(), printed);
+            StreamMessages(server.Url(), printed);
             return printed.Printed(last, false);
         }, 30));
         agent.Signal(SIGTERM);
@@ -194,7 +169,7 @@ TEST_F(NatsTest, PublishedMessagesAreStoredOrCountedThroughOutages) {
         EXPECT_EQ(published, acknowledged + dropped) << summary;
         EXPECT_EQ(dropped != 0, c.drops) << summary;
         PrintedEvents printed;
-        const auto messages = StreamMessages(servers.Urls(), printed);
+        const auto messages = StreamMessages(server.Url(), printed);
         // Re-sent messages carry their first id, so JetStream keeps one copy.
         EXPECT_EQ(messages.size(), acknowledged) << summary;
         for (const pid_t pid : pids)
@@ -210,16 +185,17 @@ TEST_F(NatsTest, PublishedMessagesAreStoredOrCountedThroughOutages) {
 // Refused before the tracing instance is made: status 2 and one line.
 TEST_F(NatsTest, BadConfigurationIsRefusedWithOneLine) {
     // TLS only, with a password and a certificate for 127.0.0.1 that is its own CA.
-    const std::string cert = "/tmp/ftrace-nats-" + std::to_string(getpid()) + ".pem", wrong = cert + ".user";
+    char dir[] = "/tmp/ftrace-nats-tls-XXXXXX";
+    const std::string cert = mkdtemp(dir) + std::string("/cert.pem"), wrong = cert + ".wrong", right = cert + ".right";
     ASSERT_EQ(std::system(("openssl req -x509 -newkey rsa:2048 -nodes -days 1 -subj /CN=127.0.0.1 -addext "
                            "subjectAltName=IP:127.0.0.1 -keyout " + cert + " -out " + cert + " 2>/dev/null")
                               .c_str()),
               0);
     std::ofstream(wrong) << "agent:not-the-password\n";
-    NatsServers tls_server(1, " --tls --tlscert " + cert + " --tlskey " + cert + " --user agent --pass agent");
-    NatsServers open_server(1);
-    ASSERT_TRUE(open_server.WaitReady());
-    const std::string nobody = Url(FreePort());
+    std::ofstream(right) << "agent:agent\n";
+    NatsServer server(" --tls --tlscert " + cert + " --tlskey " + cert + " --user agent --pass agent");
+    ASSERT_TRUE(server.WaitReady());
+    const std::string nobody = Url(FreePort()), tls = "--nats-tls-ca=" + cert;
     const struct {
         std::vector<std::string> options;
         std::string stderr_text;
@@ -230,18 +206,18 @@ TEST_F(NatsTest, BadConfigurationIsRefusedWithOneLine) {
         {{"--output=" + nobody},
          "cannot reach NATS at " + nobody +
              " (No server available for connection): start the servers or correct --output\n"},
-        {{"--output=" + open_server.Urls()},
-         "NATS at " + open_server.Urls() + " has no stream for the subjects ftrace." + HostToken() +
-             ".>: give --nats-stream=NAME to create one, or create one that takes them\n"},
-        {{"--output=" + tls_server.Urls()},
-         "TLS with NATS at " + tls_server.Urls() +
+        {{"--output=" + server.Url(), "--nats-user-file=" + right},
+         "TLS with NATS at " + server.Url() +
              " failed (SSL handshake error: 18:self-signed certificate:depth=0:cert=/CN=127.0.0.1:issuer=/CN=127.0.0.1)"
              ": give --nats-tls-ca the CA certificates that signed the servers' certificates\n"},
-        // Over TLS as far as the server's answer to the credentials.
-        {{"--output=" + tls_server.Urls(), "--nats-tls-ca=" + cert, "--nats-user-file=" + wrong},
-         "NATS at " + tls_server.Urls() +
+        {{"--output=" + server.Url(), tls, "--nats-user-file=" + wrong},
+         "NATS at " + server.Url() +
              " refused the credentials (Authorization Violation): check --nats-creds, --nats-token-file or "
              "--nats-user-file\n"},
+        // Over TLS as far as JetStream's answer.
+        {{"--output=" + server.Url(), tls, "--nats-user-file=" + right},
+         "NATS at " + server.Url() + " has no stream for the subjects ftrace." + HostToken() +
+             ".>: give --nats-stream=NAME to create one, or create one that takes them\n"},
     };
     for (const auto& c : cases) {
         SCOPED_TRACE(c.stderr_text);
@@ -250,8 +226,7 @@ TEST_F(NatsTest, BadConfigurationIsRefusedWithOneLine) {
         EXPECT_EQ(agent.Stderr(), c.stderr_text);
         EXPECT_EQ(agent.Stdout(), "");
     }
-    unlink(wrong.c_str());
-    unlink(cert.c_str());
+    std::filesystem::remove_all(dir);
 }
 
 }  // namespace

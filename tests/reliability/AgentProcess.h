@@ -12,15 +12,7 @@
 #include <sys/wait.h>
 #include <unistd.h>
 
-#include <algorithm>
-#include <chrono>
-#include <functional>
-#include <mutex>
-#include <string>
-#include <thread>
-#include <vector>
-
-#include "TestSupport.h"
+#include "TestSupport.h"  // and the standard headers it brings
 
 class AgentProcess {
 public:

@@ -39,25 +39,18 @@ std::vector<std::pair<std::string, std::string>> StreamMessages(const std::strin
     natsConnection* connection = nullptr;
     jsCtx* js = nullptr;
     jsStreamInfo* info = nullptr;
-    natsSubscription* subscription = nullptr;
-    jsSubOptions options;
-    jsSubOptions_Init(&options);
-    options.Stream = "FTRACE";
-    options.Config.AckPolicy = js_AckNone;  // (libnats 3.4 aborts on some ordered-consumer resets)
+    natsMsg* msg = nullptr;
     if (natsConnection_ConnectTo(&connection, url.c_str()) == NATS_OK &&
         natsConnection_JetStream(&js, connection, nullptr) == NATS_OK &&
-        js_GetStreamInfo(&info, js, "FTRACE", nullptr, nullptr) == NATS_OK &&
-        js_SubscribeSync(&subscription, js, ">", nullptr, &options, nullptr) == NATS_OK) {
-        natsMsg* msg = nullptr;
-        while (messages.size() < info->State.Msgs && natsSubscription_NextMsg(&msg, subscription, 5000) == NATS_OK) {
+        js_GetStreamInfo(&info, js, "FTRACE", nullptr, nullptr) == NATS_OK) {
+        for (uint64_t seq = info->State.FirstSeq; seq <= info->State.LastSeq; ++seq) {
+            if (js_GetMsg(&msg, js, "FTRACE", seq, nullptr, nullptr) != NATS_OK) break;
             const auto& [subject, data] = messages.emplace_back(
                 natsMsg_GetSubject(msg), std::string(natsMsg_GetData(msg), natsMsg_GetDataLength(msg)));
             printed.Line(data.data(), data.size());
             natsMsg_Destroy(msg);
         }
     }
-    if (subscription != nullptr) natsSubscription_Unsubscribe(subscription);  // and its consumer with it
-    natsSubscription_Destroy(subscription);
     jsStreamInfo_Destroy(info);
     jsCtx_Destroy(js);
     natsConnection_Destroy(connection);

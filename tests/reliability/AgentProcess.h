@@ -8,7 +8,6 @@
 #include <signal.h>
 #include <sys/mman.h>
 #include <sys/prctl.h>
-#include <sys/stat.h>
 #include <sys/wait.h>
 #include <unistd.h>
 
@@ -77,20 +76,14 @@ public:
         std::lock_guard<std::mutex> lock(m_mutex);
         return m_stdout;
     }
-    std::string Stderr() const {
-        struct stat st {};
-        std::string text(fstat(m_stderr, &st) == 0 ? static_cast<size_t>(st.st_size) : 0, '\0');
-        text.resize(static_cast<size_t>(std::max<ssize_t>(pread(m_stderr, text.data(), text.size(), 0), 0)));
-        return text;
-    }
+    std::string Stderr() const { return test_support::ReadAll("/proc/self/fd/" + std::to_string(m_stderr)); }
 
 private:
     void ReadStdout(int fd) {
         std::string pending;
         char buffer[1 << 16];
-        for (ssize_t n; (n = read(fd, buffer, sizeof buffer)) != 0;) {
-            if (n < 0 && errno == EINTR) continue;
-            if (n < 0) break;
+        // (No signal handler in the test process interrupts the read.)
+        for (ssize_t n; (n = read(fd, buffer, sizeof buffer)) > 0;) {
             std::lock_guard<std::mutex> lock(m_mutex);
             (m_on_line ? pending : m_stdout).append(buffer, static_cast<size_t>(n));
             size_t start = 0;

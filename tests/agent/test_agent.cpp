@@ -78,8 +78,6 @@ TEST_F(AgentTest, RefusalsExitTwoWithOneLineSayingWhatToDo) {
     symlink(FTRACE_BUILD_LIB_DIR "/libftrace_module.so", (fifos + "/libftrace_module.so").c_str());
     mkfifo((fifos + "/log").c_str(), 0644);
     mkfifo((fifos + "/other.so").c_str(), 0644);
-    const std::vector<std::string> root_without_dac = {"/usr/bin/setpriv",
-                                                      "--bounding-set=-dac_override,-dac_read_search"};
     const std::string see_help = "; see ftrace-agent --help\n";
     const std::string options_only = "': the agent takes options only, each as --name=value" + see_help;
     struct Case {
@@ -106,7 +104,8 @@ TEST_F(AgentTest, RefusalsExitTwoWithOneLineSayingWhatToDo) {
          "regular file\n"},
         {{"--module-dir=" + unreadable},
          "cannot load module " + unreadable + "/libftrace_module.so: permission denied; point --module-dir at the "
-         "directory holding libftrace_module.so\n", root_without_dac},
+         "directory holding libftrace_module.so\n",
+         {"/usr/bin/setpriv", "--bounding-set=-dac_override,-dac_read_search"}},
         {{"stray"}, "ftrace-agent: unexpected argument 'stray" + options_only},
         {{"--", "--events=x"}, "ftrace-agent: unexpected argument '--events=x" + options_only},
         {{"--module-dir="}, "ftrace-agent: Invalid option argument: --module-dir: empty; leave the option out for the "
@@ -168,8 +167,7 @@ TEST_F(AgentTest, CountAndPidFilterLimitWhatIsPrinted) {
     EXPECT_EQ(write(sockets[0], "g", 1), 1);
     EXPECT_EQ(read(sockets[0], &child, sizeof child), static_cast<ssize_t>(sizeof child));
     waitpid(traced, nullptr, 0);
-    close(sockets[0]);
-    close(sockets[1]);
+    for (const int fd : sockets) close(fd);
     if (HasFailure()) return;
     EXPECT_EQ(agent.Wait(std::chrono::seconds(25)), 0) << agent.Stderr();
     const std::regex only_the_child(R"(\{"name":"sched:sched_process_exec"[^\n]*"pid":)" + std::to_string(child) +

@@ -13,17 +13,11 @@ namespace {
 
 using NatsTest = TracefsTest;
 
-sockaddr_in Loopback(int port) {
+int FreePort() {
+    const int fd = socket(AF_INET, SOCK_STREAM, 0);
     sockaddr_in address{};
     address.sin_family = AF_INET;
     address.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
-    address.sin_port = htons(static_cast<uint16_t>(port));
-    return address;
-}
-
-int FreePort() {
-    const int fd = socket(AF_INET, SOCK_STREAM, 0);
-    sockaddr_in address = Loopback(0);
     socklen_t length = sizeof address;
     bind(fd, reinterpret_cast<sockaddr*>(&address), sizeof address);
     getsockname(fd, reinterpret_cast<sockaddr*>(&address), &length);
@@ -84,6 +78,7 @@ public:
         if (!::testing::Test::HasFailure()) std::system(("rm -rf " + m_dir).c_str());  // kept with its log
     }
     void Start() {
+        std::rename((m_dir + "/log").c_str(), (m_dir + "/log.before").c_str());
         m_pid = fork();
         if (m_pid == 0) {
             // Gone with the test, and without its descriptors (a held flock among them).
@@ -98,15 +93,10 @@ public:
         m_pid = -1;
     }
     std::string Url() const { return ::Url(m_port); }
-    // Until it takes connections: a single server has JetStream up by then.
+    // Until it says so in its log, which each start begins anew.
     bool WaitReady() const {
-        return WaitFor([&] {
-            const int fd = socket(AF_INET, SOCK_STREAM | SOCK_CLOEXEC, 0);
-            const sockaddr_in address = Loopback(m_port);
-            const bool up = connect(fd, reinterpret_cast<const sockaddr*>(&address), sizeof address) == 0;
-            close(fd);
-            return up;
-        }, 30);
+        const auto ready = [&] { return test_support::ReadAll(m_dir + "/log").find("Server is ready") != m_dir.npos; };
+        return WaitFor(ready, 30);
     }
 
 private:

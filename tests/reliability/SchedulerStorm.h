@@ -38,7 +38,6 @@ public:
         m_group = -1;
         return running;
     }
-    static bool HavePerf() { return access("/usr/bin/perf", X_OK) == 0; }
 
 private:
     pid_t m_group = -1;

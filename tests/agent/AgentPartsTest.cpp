@@ -24,13 +24,12 @@ TEST(AgentOptionsTest, EventListsAndSecondsAreCheckedWhole) {
 TEST(MessageFormatterTest, JsonAndTextEscapeEveryByteThatIsNotPrintableAscii) {
     const Engine::FtraceMessage message("s:e\"", {{"n\\", 7}, {"m", 0}}, {{"s", std::string("a\"b\\c ~\x7f\xff\0\n", 11)}});
     const Agent::EventFieldTypes types;  // none known: every number unsigned
-    std::string out;
-    Agent::MessageFormatter(types).AppendJson(out, message);
-    EXPECT_EQ(out, R"({"name":"s:e\"","numbers":{"m":0,"n\\":7},"strings":{"s":"a\"b\\c ~\u007f\u00ff\u0000\u000a"}})");
+    std::string json, text;
+    Agent::MessageFormatter(types).AppendJson(json, message);
+    EXPECT_EQ(json, R"({"name":"s:e\"","numbers":{"m":0,"n\\":7},"strings":{"s":"a\"b\\c ~\u007f\u00ff\u0000\u000a"}})");
     // The text line escapes them too and ends a string at its first NUL.
-    out.clear();
-    Agent::MessageFormatter(types).AppendText(out, message);
-    EXPECT_EQ(out, "0.000000 0 s:e\" m=0 n\\\\=7 s=a\"b\\\\c ~\\x7f\\xff\n");
+    Agent::MessageFormatter(types).AppendText(text, message);
+    EXPECT_EQ(text, "0.000000 0 s:e\" m=0 n\\\\=7 s=a\"b\\\\c ~\\x7f\\xff\n");
 }
 
 TEST(InstanceLossTest, SumsEveryCpusStatsAndTheSummarySaysWhenUnknown) {

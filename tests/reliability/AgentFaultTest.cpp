@@ -2,7 +2,6 @@
 // stopped by the end of --duration right after a burst of execs, or by
 // SIGTERM in the middle of a scheduler storm.
 
-#include <iostream>
 #include <memory>
 #include <regex>
 
@@ -13,7 +12,6 @@ namespace {
 
 using AgentFaultTest = TracefsTest;
 
-const char* const kEvents[] = {"sched_switch", "sched_process_exec", "sched_process_exit"};
 const std::string kEventsOption = "--events=sched:sched_switch,sched:sched_process_exec,sched:sched_process_exit";
 
 // Events the summary reports as not printed: lost or left unread in the
@@ -31,14 +29,10 @@ uint64_t Counted(const std::string& summary) {
 // recorded before it started is printed, the loss it reports is its own, and
 // its clean stop removes the instance.
 TEST_F(AgentFaultTest, KilledAgentsInstanceIsReplacedAtTheNextStart) {
-    {
-        AgentProcess killed({kEventsOption});
-        if (!WaitUntilTracing(killed, "sched_process_exit")) return;
-        killed.Signal(SIGKILL);
-        ASSERT_EQ(killed.Wait(std::chrono::seconds(30)), 128 + SIGKILL);
-    }
-    ASSERT_TRUE(ZevExists());
-    for (const char* event : kEvents) EXPECT_EQ(Enabled(event), "1") << event;
+    AgentProcess killed({kEventsOption});
+    if (!WaitUntilTracing(killed, "sched_process_exit")) return;
+    killed.Signal(SIGKILL);
+    ASSERT_EQ(killed.Wait(std::chrono::seconds(30)), 128 + SIGKILL);
     ASSERT_TRUE(std::ofstream(kZev + "/buffer_size_kb") << "4" << std::flush);  // overflows at once
     std::vector<pid_t> before(5);
     ASSERT_TRUE(WaitFor([&] {
@@ -47,7 +41,8 @@ TEST_F(AgentFaultTest, KilledAgentsInstanceIsReplacedAtTheNextStart) {
     }, 30));
     const uint64_t dead_runs_loss = ZevLost();
     PrintedEvents printed;
-    AgentProcess agent({kEventsOption, "--format=json"}, [&](const char* line, size_t length) { printed.Line(line, length); });
+    AgentProcess agent({kEventsOption, "--format=json"},
+                       [&](const char* line, size_t length) { printed.Line(line, length); });
     EXPECT_TRUE(TraceAChild(printed, 60)) << "no exec and exit of a child printed\n" << agent.Stderr();
     agent.Signal(SIGTERM);
     ASSERT_EQ(agent.Wait(std::chrono::seconds(30)), 0) << agent.Stderr();
@@ -79,7 +74,6 @@ TEST_F(AgentFaultTest, StopsPromptlyAndPrintsOrCountsEverythingBeforeIt) {
             if (!WaitUntilTracing(agent, "sched_process_exec")) return;
             std::unique_ptr<SchedulerStorm> storm;
             if (c.storm) {
-                ASSERT_TRUE(SchedulerStorm::HavePerf()) << "perf is needed for the scheduler storm (package linux-perf)";
                 storm = std::make_unique<SchedulerStorm>(1000000000, 0, false);  // more than the agent can read
                 std::this_thread::sleep_for(std::chrono::seconds(3));
             }
@@ -90,12 +84,10 @@ TEST_F(AgentFaultTest, StopsPromptlyAndPrintsOrCountsEverythingBeforeIt) {
             if (c.storm) agent.Signal(SIGTERM);
             const int status = agent.Wait(std::chrono::seconds(60));
             const std::chrono::duration<double> stop = std::chrono::steady_clock::now() - stopping;
-            EXPECT_TRUE(!storm || storm->Stop()) << "perf bench sched pipe failed";
+            EXPECT_TRUE(!storm || storm->Stop()) << "perf bench sched pipe failed (perf: package linux-perf)";
             ASSERT_EQ(status, 0) << agent.Stderr();
-            if (c.storm) {
-                std::cout << "stopped " << stop.count() << " s after SIGTERM\n";
-                EXPECT_LT(stop.count(), 5.0) << agent.Stderr();
-            }
+            EXPECT_TRUE(!c.storm || stop.count() < 5.0) << "stopped " << stop.count() << " s after SIGTERM\n"
+                                                         << agent.Stderr();
             const auto missing = std::count_if(execs.begin(), execs.end(), [&](pid_t p) { return !printed.Printed(p, true); });
             EXPECT_LE(static_cast<uint64_t>(missing), Counted(agent.Stderr())) << agent.Stderr();
             EXPECT_FALSE(ZevExists());

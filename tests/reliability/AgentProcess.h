@@ -8,18 +8,10 @@
 #include <signal.h>
 #include <sys/mman.h>
 #include <sys/prctl.h>
-#include <sys/stat.h>
-#include <sys/types.h>
 #include <sys/wait.h>
 #include <unistd.h>
 
-#include <algorithm>
-#include <chrono>
-#include <functional>
-#include <mutex>
-#include <string>
-#include <thread>
-#include <vector>
+#include "TestSupport.h"  // and the standard headers it brings
 
 class AgentProcess {
 public:
@@ -51,69 +43,47 @@ public:
             execv(argv[0], argv.data());
             _exit(127);
         }
-        close(out[1]);
-        if (m_pid > 0) {
-            m_reader = std::thread(&AgentProcess::ReadStdout, this, out[0]);
-        } else {
-            close(out[0]);
-        }
+        close(out[1]);  // without a child the reader sees the end at once
+        m_reader = std::thread(&AgentProcess::ReadStdout, this, out[0]);
     }
-    // SIGTERM if still running (SIGKILL after 10 s), then reaped.
+    // A test that failed half-way: a clean stop first, so that nothing is left
+    // enabled in tracefs (SIGKILL after 10 s), then reaped.
     ~AgentProcess() {
-        if (m_pid > 0 && !m_reaped) {
-            // A test that failed half-way: a clean stop first, so that nothing is
-            // left enabled in tracefs.
-            kill(m_pid, SIGTERM);
-            if (Wait(std::chrono::seconds(10)) < 0) kill(m_pid, SIGKILL);
-        }
-        if (m_pid > 0 && !m_reaped) waitpid(m_pid, nullptr, 0);
-        if (m_reader.joinable()) m_reader.join();
+        Signal(SIGTERM);
+        if (Wait(std::chrono::seconds(10)) < 0) Signal(SIGKILL);
+        Wait(std::chrono::hours(1));
         if (m_stderr >= 0) close(m_stderr);
     }
-    AgentProcess(const AgentProcess&) = delete;
-    AgentProcess& operator=(const AgentProcess&) = delete;
 
     pid_t Pid() const { return m_pid; }
     void Signal(int signal_number) const {
-        if (m_pid > 0 && !m_reaped) kill(m_pid, signal_number);
+        if (m_pid > 0 && m_status < 0) kill(m_pid, signal_number);
     }
     // Exit status (128 + signal when killed by one), or -1 while it still
     // runs after `timeout`; once it ended, its output is read to the end.
-    int Wait(std::chrono::milliseconds timeout) {
-        const auto deadline = std::chrono::steady_clock::now() + timeout;
-        while (m_pid > 0 && !m_reaped) {
-            int status = 0;
-            if (waitpid(m_pid, &status, WNOHANG) == m_pid) {
-                m_reaped = true;
-                m_status = WIFEXITED(status) ? WEXITSTATUS(status) : 128 + WTERMSIG(status);
-            } else if (std::chrono::steady_clock::now() >= deadline) {
-                return -1;
-            } else {
-                std::this_thread::sleep_for(std::chrono::milliseconds(10));
-            }
+    int Wait(std::chrono::seconds timeout) {
+        int status = 0;
+        if (m_pid > 0 && m_status < 0) {
+            const auto reaped = [&] { return waitpid(m_pid, &status, WNOHANG) == m_pid; };
+            if (!test_support::WaitFor(reaped, static_cast<int>(timeout.count()))) return -1;
+            m_status = WIFEXITED(status) ? WEXITSTATUS(status) : 128 + WTERMSIG(status);
         }
         if (m_reader.joinable()) m_reader.join();
         return m_status;
     }
-    bool Running() { return Wait(std::chrono::milliseconds(0)) < 0; }
+    bool Running() { return Wait(std::chrono::seconds(0)) < 0; }
     std::string Stdout() {
         std::lock_guard<std::mutex> lock(m_mutex);
         return m_stdout;
     }
-    std::string Stderr() const {
-        struct stat st {};
-        std::string text(fstat(m_stderr, &st) == 0 ? static_cast<size_t>(st.st_size) : 0, '\0');
-        text.resize(static_cast<size_t>(std::max<ssize_t>(pread(m_stderr, text.data(), text.size(), 0), 0)));
-        return text;
-    }
+    std::string Stderr() const { return test_support::ReadAll("/proc/self/fd/" + std::to_string(m_stderr)); }
 
 private:
     void ReadStdout(int fd) {
         std::string pending;
         char buffer[1 << 16];
-        for (ssize_t n; (n = read(fd, buffer, sizeof buffer)) != 0;) {
-            if (n < 0 && errno == EINTR) continue;
-            if (n < 0) break;
+        // (No signal handler in the test process interrupts the read.)
+        for (ssize_t n; (n = read(fd, buffer, sizeof buffer)) > 0;) {
             std::lock_guard<std::mutex> lock(m_mutex);
             (m_on_line ? pending : m_stdout).append(buffer, static_cast<size_t>(n));
             size_t start = 0;
@@ -125,8 +95,7 @@ private:
     }
 
     pid_t m_pid = -1;
-    int m_status = -1;
-    bool m_reaped = false;
+    int m_status = -1;  // until reaped
     int m_stderr = -1;  // a memory file
     LineHandler m_on_line;
     std::mutex m_mutex;

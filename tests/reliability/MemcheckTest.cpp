@@ -20,8 +20,8 @@ TEST_F(AgentMemcheckTest, NoInvalidAccessAndNoDefiniteLeak) {
     // Records through the whole path: reader, decoding, delivery, printing.
     EXPECT_TRUE(TraceAChild(printed, 60)) << "no exec and exit of a child printed under valgrind\n" << agent.Stderr();
     agent.Signal(SIGTERM);
+    // Any error, a definite leak among them, makes valgrind exit with 99.
     EXPECT_EQ(agent.Wait(std::chrono::seconds(120)), 0) << agent.Stderr();
-    EXPECT_NE(agent.Stderr().find("ERROR SUMMARY: 0 errors"), std::string::npos) << agent.Stderr();
 }
 
 }  // namespace

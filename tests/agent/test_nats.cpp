@@ -5,6 +5,7 @@
 #include <arpa/inet.h>
 #include <nats/nats.h>
 
+#include <deque>
 #include <regex>
 
 #include "TracefsTest.h"
@@ -91,9 +92,9 @@ public:
         m_pid = -1;
     }
     std::string Url() const { return ::Url(m_port); }
-    // Until it says so in its log, which each start begins anew.
-    bool WaitReady() const {
-        const auto ready = [&] { return test_support::ReadAll(m_dir + "/log").find("Server is ready") != m_dir.npos; };
+    // Until it logs `text`; each start begins a new log.
+    bool WaitReady(const std::string& text = "Server is ready") const {
+        const auto ready = [&] { return test_support::ReadAll(m_dir + "/log").find(text) != m_dir.npos; };
         return WaitFor(ready, 30);
     }
 
@@ -104,21 +105,34 @@ private:
     std::string m_command;
 };
 
-// Process life while the server is down for a while: every message is
-// acknowledged once stored, or dropped and counted; an acknowledged message is
-// in the stream exactly once.
+// Process life while servers fail: every message is acknowledged once
+// stored, or dropped and counted; an acknowledged message is in the stream
+// exactly once.
 TEST_F(NatsTest, PublishedMessagesAreStoredOrCountedThroughOutages) {
     const struct {
+        int nodes;           // a JetStream cluster of that many, the stream with as many replicas
         const char* buffer;  // --nats-buffer
         bool drops;          // whether some messages must be dropped
-    } cases[] = {{"64MiB", false}, {"4", true}};
+    } cases[] = {{1, "64MiB", false}, {3, "64MiB", false}, {1, "4", true}};
     for (const auto& c : cases) {
-        SCOPED_TRACE(c.buffer);
-        NatsServer server;
-        ASSERT_TRUE(server.WaitReady());
+        SCOPED_TRACE(std::to_string(c.nodes) + " nodes, buffer " + c.buffer);
+        std::string routes, urls;
+        std::vector<int> cluster_ports;
+        for (int i = 0; i < c.nodes; ++i) cluster_ports.push_back(FreePort());
+        for (const int port : cluster_ports) routes += (routes.empty() ? "" : ",") + Url(port);
+        std::deque<NatsServer> servers;
+        for (int i = 0; i < c.nodes; ++i) {
+            servers.emplace_back(c.nodes == 1 ? "" : " -n n" + std::to_string(i) + " --cluster_name ftrace --cluster " +
+                                                         Url(cluster_ports[i]) + " --routes " + routes);
+            urls += "," + servers.back().Url();
+        }
+        // A cluster takes JetStream requests once it has a leader.
+        const char* ready = c.nodes == 1 ? "Server is ready" : "metadata leader";
+        for (const auto& server : servers) ASSERT_TRUE(server.WaitReady(ready));
         // The first server of the list never answers.
-        AgentProcess agent({"--output=" + Url(FreePort()) + "," + server.Url(), "--nats-stream=FTRACE",
-                            "--nats-buffer=" + std::string(c.buffer)});
+        AgentProcess agent({"--output=" + Url(FreePort()) + urls, "--nats-stream=FTRACE",
+                            "--nats-replicas=" + std::to_string(c.nodes), "--nats-buffer=" + std::string(c.buffer)});
+        urls.erase(0, 1);
         // The last of the three events to go on: every child has its exec and exit.
         if (!WaitUntilTracing(agent, "sched_process_exit")) break;
         std::atomic<bool> spawning{true};
@@ -127,18 +141,18 @@ TEST_F(NatsTest, PublishedMessagesAreStoredOrCountedThroughOutages) {
             while (spawning) pids.push_back(SpawnTrue());
         });
         PrintedEvents ignored;
-        EXPECT_TRUE(WaitFor([&] { return StreamMessages(server.Url(), ignored).size() >= 30; }, 30));
-        server.Kill();
-        std::this_thread::sleep_for(std::chrono::seconds(3));  // the outage itself
-        server.Start();
-        EXPECT_TRUE(server.WaitReady()) << "not restarted";
+        EXPECT_TRUE(WaitFor([&] { return StreamMessages(urls, ignored).size() >= 30; }, 30));
+        servers.front().Kill();  // the only server, or one node of the cluster
+        std::this_thread::sleep_for(std::chrono::seconds(3));
+        servers.front().Start();
+        EXPECT_TRUE(servers.front().WaitReady(ready)) << "not restarted";
         spawning = false;
         spawner.join();
         // Records still in the kernel at the stop are not the output's to count: stop once the last child is in.
         const pid_t last = pids.back();
         EXPECT_TRUE(c.drops || WaitFor([&] {
             PrintedEvents printed;
-            StreamMessages(server.Url(), printed);
+            StreamMessages(urls, printed);
             return printed.Printed(last, false);
         }, 30));
         agent.Signal(SIGTERM);
@@ -149,16 +163,20 @@ TEST_F(NatsTest, PublishedMessagesAreStoredOrCountedThroughOutages) {
         EXPECT_EQ(SummaryCount(summary, "NATS: published"), acknowledged + dropped) << summary;
         EXPECT_EQ(dropped != 0, c.drops) << summary;
         PrintedEvents printed;
-        const auto messages = StreamMessages(server.Url(), printed);
+        const auto messages = StreamMessages(urls, printed);
         // Re-sent messages carry their first id, so JetStream keeps one copy.
         EXPECT_EQ(messages.size(), acknowledged) << summary;
-        for (const pid_t pid : pids)
-            EXPECT_TRUE(c.drops || (printed.Printed(pid, true) && printed.Printed(pid, false))) << pid;
+        if (c.drops) continue;
+        for (const pid_t pid : pids) EXPECT_TRUE(printed.Printed(pid, true) && printed.Printed(pid, false)) << pid;
         // The payload is the --format=json line, on the subject ftrace.<host>.<system>.<event>.
-        const std::string exec_subject = "ftrace." + HostToken() + ".sched.sched_process_exec";
-        EXPECT_TRUE(c.drops || std::any_of(messages.begin(), messages.end(), [&](const auto& m) {
-            return m.first == exec_subject && m.second.find(",\"pid\":" + std::to_string(last) + ",") != m.second.npos;
-        })) << "no exec of pid " << last << " on " << exec_subject;
+        const std::string pid = std::to_string(last), exec_subject = "ftrace." + HostToken() + ".sched.sched_process_exec";
+        const std::regex exec_json(
+            R"(\{"name":"sched:sched_process_exec","numbers":\{"common_flags":[0-9]+,"common_pid":)" + pid +
+            R"(,"common_preempt_count":[0-9]+,"common_type":[0-9]+,"old_pid":)" + pid + R"(,"pid":)" + pid +
+            R"(,"timestamp":[0-9]+\},"strings":\{"filename":"/bin/true(\\u0000)*"\}\})");
+        EXPECT_TRUE(std::any_of(messages.begin(), messages.end(), [&](const auto& m) {
+            return m.first == exec_subject && std::regex_match(m.second, exec_json);
+        })) << "no exec of pid " << pid << " on " << exec_subject;
     }
 }
 

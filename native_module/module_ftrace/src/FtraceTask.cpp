@@ -95,17 +95,20 @@ FtraceTask::~FtraceTask() {
 
 int FtraceTask::Init() {
     FTRACE_LOG_TO(m_logger, Poco::Message::PRIO_INFORMATION, "Ftrace task init");
-    // Sized before the pipes are opened and any event is on.
+    // Without a host application there is no configuration: the kernel's
+    // buffer size and watermark stay.
+    const Poco::Util::AbstractConfiguration* config = nullptr;
     try {
-        FtraceBufferSize::Apply(Poco::Util::Application::instance().config(), m_ftrace);
+        config = &Poco::Util::Application::instance().config();
     } catch (const std::exception&) {
-        // No host application, hence no configuration: the kernel's size stays.
     }
+    // Sized before the pipes are opened and any event is on.
+    if (config != nullptr) FtraceBufferSize::Apply(*config, m_ftrace);
     m_readers = CreateReaders(m_ftrace);
     // The kernel puts a poller of trace_pipe_raw on the wait queue that the
     // watermark of that moment selects, when its descriptor joins the epoll
     // set: the watermark must be written first.
-    ApplyWakeupSettings();
+    ApplyWakeupSettings(config);
     // The waiter keeps each event's address: the vector must never reallocate
     // once the first event is registered.
     m_events.reserve(m_readers.size());
@@ -119,13 +122,8 @@ int FtraceTask::Init() {
     return Framework::Task::Init();
 }
 
-void FtraceTask::ApplyWakeupSettings() {
-    m_wakeup = FtraceWakeup();
-    try {
-        m_wakeup = FtraceWakeup::FromConfiguration(Poco::Util::Application::instance().config());
-    } catch (const std::exception&) {
-        // No host application, hence no configuration: the kernel's watermark stays.
-    }
+void FtraceTask::ApplyWakeupSettings(const Poco::Util::AbstractConfiguration* config) {
+    m_wakeup = config != nullptr ? FtraceWakeup::FromConfiguration(*config) : FtraceWakeup();
     if (!m_wakeup.Configured()) return;
     if (m_wakeup.buffer_percent >= 0 &&
         !m_ftrace.write_file(m_ftrace.tracing_file("buffer_percent"), std::to_string(m_wakeup.buffer_percent))) {

@@ -23,6 +23,7 @@
 namespace Poco {
 class Logger;
 namespace Util {
+class AbstractConfiguration;
 class Application;
 }
 }  // namespace Poco
@@ -86,8 +87,9 @@ private:
     private:
         FtraceTask& m_task;
     };
-    // Reads the host's wake-up settings and writes the instance's watermark.
-    void ApplyWakeupSettings();
+    // Reads the host's wake-up settings (none without a configuration) and
+    // writes the instance's watermark.
+    void ApplyWakeupSettings(const Poco::Util::AbstractConfiguration* config);
     EventRoute& route(const FtraceEvent& event);
     void watches_changed() { ++m_watch_generation; }
 

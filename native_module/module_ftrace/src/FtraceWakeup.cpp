@@ -6,37 +6,17 @@
 #include <unistd.h>
 
 #include <cerrno>
-#include <cstdlib>
 
-#include "FtraceLog.h"
+#include "ConfiguredNumber.h"
 
 namespace Engine {
-namespace {
-
-// The value of `key` if it is a whole number in [min, max]; otherwise `unset`,
-// with an error line when the key is there but its value is not usable.
-int ReadSetting(const Poco::Util::AbstractConfiguration& config, const char* key, int min, int max, int unset) {
-    if (!config.has(key)) return unset;
-    const std::string text = config.getString(key);
-    char* end = nullptr;
-    errno = 0;
-    const long value = std::strtol(text.c_str(), &end, 10);
-    if (text.empty() || errno != 0 || *end != '\0' || value < min || value > max) {
-        FTRACE_LOG(Poco::Message::PRIO_ERROR, "Ignoring %s=%s: not a whole number from %d to %d", std::string(key),
-                   text, min, max);
-        return unset;
-    }
-    return static_cast<int>(value);
-}
-
-}  // namespace
 
 FtraceWakeup FtraceWakeup::FromConfiguration(const Poco::Util::AbstractConfiguration& config) {
     FtraceWakeup wakeup;
-    wakeup.buffer_percent = ReadSetting(config, kBufferPercentKey, 0, 100, -1);
+    wakeup.buffer_percent = ConfiguredNumber(config, kBufferPercentKey, 0, 100, -1);
     // Up to the task's bounded wait: longer would delay the stop check.
-    wakeup.coalesce_ms = ReadSetting(config, kCoalesceMsKey, 0, 1000, 0);
-    wakeup.reader_nice = ReadSetting(config, kReaderNiceKey, -20, 19, kKeepNice);
+    wakeup.coalesce_ms = ConfiguredNumber(config, kCoalesceMsKey, 0, 1000, 0);
+    wakeup.reader_nice = ConfiguredNumber(config, kReaderNiceKey, -20, 19, kKeepNice);
     return wakeup;
 }
 

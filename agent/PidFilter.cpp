@@ -27,13 +27,6 @@ std::string ReadWord(const std::string& path) {
     return word;
 }
 
-bool WriteWord(const std::string& path, const std::string& word) {
-    std::ofstream out(path);
-    out << word << '\n';
-    out.flush();
-    return static_cast<bool>(out);
-}
-
 // The thread ids of `pid`, the process's own first; just `pid` when /proc
 // cannot list them (the process may have ended).
 std::vector<int> ThreadIds(int pid) {
@@ -58,7 +51,7 @@ void PidFilter::Apply(Ftrace& instance, const std::vector<int>& pids) {
     const std::string path = instance.tracing_file(kEventFork);
     const std::string before = ReadWord(path);
     if (before != "1") {
-        if (WriteWord(path, "1")) {
+        if (instance.write_file(path, "1")) {
             m_event_fork_before = before.empty() ? "0" : before;
         } else {
             Warn("cannot switch on " + path + ": threads and children that a --pid process starts are not traced",
@@ -73,7 +66,7 @@ void PidFilter::Apply(Ftrace& instance, const std::vector<int>& pids) {
 void PidFilter::Clear(Ftrace& instance) {
     instance.event_filter_clean_all();
     if (m_event_fork_before.empty()) return;
-    WriteWord(instance.tracing_file(kEventFork), m_event_fork_before);
+    instance.write_file(instance.tracing_file(kEventFork), m_event_fork_before);
     m_event_fork_before.clear();
 }
 

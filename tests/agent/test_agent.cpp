@@ -50,20 +50,10 @@ TEST_F(AgentTest, EventsArePrintedInEachFormatAndAStopSignalCleansUp) {
         if (c.event) options.push_back("--events=sched:sched_process_exec," + std::string(c.event));
         AgentProcess agent(options);
         if (!WaitUntilTracing(agent, "sched_process_exec")) return;
-        for (const std::string thread : {"ftrace_task", "ftrace_agent_pr"}) {
-            int found = 0;
-            for (const auto& entry : std::filesystem::directory_iterator("/proc/" + std::to_string(agent.Pid()) + "/task")) {
-                if (Read((entry.path() / "comm").string()) != thread + "\n") continue;
-                // The nice value is the 19th field, the 17th after the command's closing parenthesis.
-                const std::string stat = Read((entry.path() / "stat").string());
-                std::istringstream fields(stat.substr(stat.rfind(')') + 2));
-                std::string field;
-                for (int i = 0; i < 17; ++i) fields >> field;
-                EXPECT_EQ(field, std::to_string(c.nice)) << thread;
-                ++found;
-            }
-            EXPECT_EQ(found, 1) << thread;
-        }
+        const std::string nice = " " + std::to_string(c.nice) + "\n";
+        EXPECT_EQ(test_support::Output("ps -L -o comm=,nice= -p " + std::to_string(agent.Pid()) +
+                                       " | awk '/^ftrace_/ {print $1, $2}' | sort"),
+                  "ftrace_agent_pr" + nice + "ftrace_task" + nice);
         const pid_t pid = c.event ? getpid() : SpawnTrue();
         // Records reach the reader at the buffer watermark or after its bounded 1000 ms wait.
         const std::regex line(std::string("(^|\n)") + c.before + std::to_string(pid) + c.after);

@@ -10,6 +10,7 @@
 #include <stdlib.h>
 
 #include <algorithm>
+#include <cstdio>
 #include <chrono>
 #include <filesystem>
 #include <fstream>
@@ -47,6 +48,15 @@ inline std::string ReadAll(const std::string& path) {
 inline void WriteAll(const std::string& path, const std::string& text) {
     fs::create_directories(fs::path(path).parent_path());
     std::ofstream(path, std::ios::binary | std::ios::trunc) << text;
+}
+
+// Standard output of a shell command.
+inline std::string Output(const std::string& command) {
+    std::string out;
+    FILE* pipe = popen(command.c_str(), "r");
+    for (char buffer[1024]; pipe && fgets(buffer, sizeof buffer, pipe);) out += buffer;
+    if (pipe) pclose(pipe);
+    return out;
 }
 
 // "<priority> <text>" of every message a logger hands it, from any thread.

@@ -6,12 +6,13 @@
 // off behind the module's back. Also the library's dynamic section, which
 // the agent's loader relies on.
 
-#include <cstdio>
+#include <array>
 #include <iostream>
 
 #include "Framework/Engine.h"
 #include "Framework/Module.h"
 #include "FtraceBufferSize.h"
+#include "FtraceHoldOff.h"
 #include "FtraceWakeup.h"
 #include "FtraceWatchMessage.h"
 #include "TaskTestSupport.h"
@@ -19,6 +20,7 @@
 
 using Engine::FtraceMessage;
 using tasktest::Subscriber;
+using test_support::Output;
 
 namespace {
 
@@ -36,14 +38,6 @@ struct SubscriberModule : Framework::Module {
         return 0;
     }
 };
-
-std::string Output(const std::string& command) {
-    std::string out;
-    FILE* pipe = popen(command.c_str(), "r");
-    for (char buffer[1024]; pipe && fgets(buffer, sizeof buffer, pipe);) out += buffer;
-    if (pipe) pclose(pipe);
-    return out;
-}
 
 std::function<bool(const Engine::FtraceMessage&)> Of(const std::string& event, pid_t pid) {
     return [=](const Engine::FtraceMessage& m) {
@@ -63,6 +57,35 @@ TEST(FtraceMessageTest, FirstValueWinsAndTextForm) {
     text << message;
     EXPECT_EQ(text.str(), "sched:sched_switch prev_pid: 7, timestamp: 5, prev_comm: bash, ");
     EXPECT_EQ(message.get_number("missing") + message.get_string("missing").size(), 0UL);
+}
+
+// The hold-off after passes that each read `records`, `ms` after the last one, `times` times.
+TEST(FtraceHoldOffTest, WindowStretchesOnlyInASlowStorm) {
+    // Passes: {ms, records, times}; the window after the last one, -1 for none.
+    struct Row { const char* name; int shortest, longest; std::vector<std::array<int, 3>> passes; long window_ms; };
+    const std::vector<Row> rows = {
+        {"fixed window", 4, 4, {{4, 180, 10}}, 4},
+        {"no hold-off configured", 0, 12, {{4, 180, 10}}, -1},
+        {"a pass that read nothing", 4, 12, {{4, 180, 10}, {4, 0, 1}}, -1},
+        {"a trickle", 4, 12, {{4, 4, 20}}, 4},
+        {"a slow storm", 4, 12, {{4, 180, 5}}, 12},
+        {"a storm that fills 1000 records in 6 ms", 4, 12, {{4, 667, 5}}, 6},
+        {"a fast storm", 4, 12, {{4, 2800, 5}}, 4},
+        {"a fast storm's return", 4, 12, {{12, 540, 5}, {12, 8400, 1}}, 4},
+        {"a lull inside a fast storm", 4, 12, {{4, 2800, 10}, {4, 100, 1}}, 4},
+        {"a slow storm that ended", 4, 12, {{12, 540, 5}, {12, 10, 30}}, 4},
+        {"after an idle second", 4, 12, {{12, 540, 5}, {1000, 1, 1}}, 4},
+    };
+    using std::chrono::milliseconds;
+    for (const Row& row : rows) {
+        Engine::FtraceHoldOff hold_off{milliseconds(row.shortest), milliseconds(row.longest)};
+        auto now = std::chrono::steady_clock::time_point{} + std::chrono::hours(1), until = now;
+        for (const auto& [ms, records, times] : row.passes) {
+            for (int i = 0; i < times; ++i) until = hold_off.AfterPass(now += milliseconds(ms), records);
+        }
+        const long window = until == decltype(until){} ? -1 : std::chrono::round<milliseconds>(until - now).count();
+        EXPECT_EQ(window, row.window_ms) << row.name;
+    }
 }
 
 using FtraceModuleTest = TracefsTest;
@@ -128,7 +151,7 @@ TEST_F(FtraceModuleTest, DeliversOneSharedMessageToEverySubscriber) {
     EXPECT_TRUE(logged("6 FtraceTask::send_ftrace_message: Task ghost not found"));
     EXPECT_TRUE(logged("6 Ftrace buffer: 2040 KiB per CPU"));
     EXPECT_TRUE(logged("6 Ftrace wake-up: readers wake at buffer_percent 0, next wait held off 4 ms after a pass that "
-                       "read records, reading thread at nice -10"));
+                       "read records, up to 12 ms in a slow storm, reading thread at nice -10"));
 
     // The stopped one loses its own messages (its queue fills, then drops);
     // the reader never blocks on it, and a steady one gets every exec.

@@ -17,6 +17,7 @@
 #include "Framework/Engine.h"
 #include "Framework/EventCallback.h"
 #include "FtraceBufferSize.h"
+#include "FtraceHoldOff.h"
 #include "FtraceLog.h"
 #include "FtraceMessage.h"
 #include "SDK/FileUtils.h"
@@ -171,6 +172,8 @@ int FtraceTask::Run() {
         }
     }
     const bool coalescing = m_wakeup.coalesce_ms > 0;
+    FtraceHoldOff hold_off(std::chrono::milliseconds(m_wakeup.coalesce_ms),
+                           std::chrono::milliseconds(m_wakeup.coalesce_max_ms));
     BulkConsumeMsg(kMessagesPerBatch);
     while (state() != kStateCancelling) {
         const uint64_t records_before = m_records_read;
@@ -191,7 +194,7 @@ int FtraceTask::Run() {
         // records the next wait starts a window after this one did, so a
         // storm is read in full pages; a record after a quiet spell is read at once.
         if (coalescing && m_records_read != records_before) {
-            m_held_off_until = pass_began + std::chrono::milliseconds(m_wakeup.coalesce_ms);
+            m_held_off_until = hold_off.AfterPass(pass_began, m_records_read - records_before);
             GetEventWaiter().HoldOffUntil(m_held_off_until);
         }
     }

@@ -18,6 +18,7 @@ namespace Engine {
 struct FtraceWakeup {
     static constexpr const char* kBufferPercentKey = "ftrace.wakeup.buffer_percent";
     static constexpr const char* kCoalesceMsKey = "ftrace.wakeup.coalesce_ms";
+    static constexpr const char* kCoalesceMaxMsKey = "ftrace.wakeup.coalesce_max_ms";
     static constexpr const char* kReaderNiceKey = "ftrace.reader.nice";
     static constexpr int kKeepNice = INT_MIN;  // the thread keeps the nice value it started with
 
@@ -26,11 +27,14 @@ struct FtraceWakeup {
     static FtraceWakeup FromConfiguration(const Poco::Util::AbstractConfiguration& config);
     // Readers wake on the first record; a pass that read records holds the
     // next wait off for a few milliseconds, so that a storm is read in full
-    // pages while a lone record is still delivered at once; the reading
-    // thread runs at nice -10, so that other work on a busy host delays it less.
+    // pages while a lone record is still delivered at once (a slow storm is
+    // held off longer, see FtraceHoldOff); the reading thread runs at nice
+    // -10, so that other work on a busy host delays it less.
     static FtraceWakeup LowLatency();
     void Store(Poco::Util::AbstractConfiguration& config) const;
-    bool Configured() const { return buffer_percent >= 0 || coalesce_ms > 0 || reader_nice != kKeepNice; }
+    bool Configured() const {
+        return buffer_percent >= 0 || coalesce_ms > 0 || coalesce_max_ms > 0 || reader_nice != kKeepNice;
+    }
     std::string Describe() const;
     // Gives the calling thread alone this nice value. 0, or the errno of the
     // refusal (EACCES without CAP_SYS_NICE beyond RLIMIT_NICE).
@@ -38,6 +42,7 @@ struct FtraceWakeup {
 
     int buffer_percent = -1;      // -1: the instance's watermark is left as it is
     int coalesce_ms = 0;          // 0: no hold-off
+    int coalesce_max_ms = 0;      // up to coalesce_ms: the hold-off never stretches
     int reader_nice = kKeepNice;  // -20 to 19
 };
 

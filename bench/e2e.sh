@@ -8,7 +8,12 @@
 # and tracefs; no other user of the instance ZEV may run meanwhile.
 #
 #   bench/e2e.sh [build dir, default build-perf]
-#   LOOPS=200000 (storm), ROUNDS=1, SPAWNS=200 (quiet execs), MIXED_LOOPS=2000000 (storm beside the execs)
+#   LOOPS=200000 (storm), ROUNDS=1, SPAWNS=200 (quiet execs), MIXED_LOOPS=2000000 (storm beside the execs),
+#   PLACEMENTS="one two" (the storm's two processes on one CPU, on two CPUs, or "free": the scheduler's choice)
+#
+# Where the scheduler puts perf bench's two processes decides the storm's
+# rate (on one CPU some ten times faster), and with it what a pass of the
+# reader finds: each placement is pinned and compared with batch on its own.
 set -euo pipefail
 
 HERE=$(cd "$(dirname "$0")" && pwd)
@@ -18,6 +23,7 @@ LOOPS=${LOOPS:-200000}
 ROUNDS=${ROUNDS:-1}
 SPAWNS=${SPAWNS:-200}
 MIXED_LOOPS=${MIXED_LOOPS:-2000000}
+PLACEMENTS=${PLACEMENTS:-one two}
 AGENT=$BUILD/bin/ftrace-agent
 LATENCY=$BUILD/bin/exec_latency
 ZEV=/sys/kernel/tracing/instances/ZEV
@@ -68,9 +74,26 @@ wait_for() {  # condition, seconds
 mkdir "$WORK/modules"
 ln -s "$BUILD/lib/libftrace_module.so" "$WORK/modules/"
 
-# storm <setting> <round>: one agent run; appends "setting round delivered lost cpu_ns" to $WORK/storm.
+# pipe_storm <placement> <output>: perf bench sched pipe -l $LOOPS, its two processes placed.
+pipe_storm() {
+    case $1 in
+    one) taskset -c 1 perf bench sched pipe -l "$LOOPS" > "$2" ;;
+    two)
+        perf bench sched pipe -l "$LOOPS" > "$2" &
+        local bench=$! child=
+        wait_for '[ -n "$(pgrep -P $bench)" ] || ! kill -0 $bench 2>/dev/null' 5 || true
+        taskset -pc 0 "$bench" > /dev/null || true
+        for child in $(pgrep -P "$bench"); do taskset -pc 1 "$child" > /dev/null || true; done
+        wait "$bench"
+        ;;
+    *) perf bench sched pipe -l "$LOOPS" > "$2" ;;
+    esac
+}
+
+# storm <setting> <round> <placement>: one agent run; appends
+# "setting round placement delivered lost cpu_ns us_per_loop" to $WORK/storm.
 storm() {
-    echo "== ftrace-agent --latency=$1 --events=sched:sched_switch --format=none, perf bench sched pipe -l $LOOPS"
+    echo "== ftrace-agent --latency=$1 --events=sched:sched_switch --format=none, perf bench sched pipe -l $LOOPS on $3 CPU(s)"
     "$AGENT" --module-dir="$WORK/modules" --latency="$1" --events=sched:sched_switch --format=none --log-level=warning \
         > "$WORK/agent.out" 2> "$WORK/agent.err" &
     agent_pid=$!
@@ -84,7 +107,7 @@ storm() {
     local overrun0 dropped0 cpu0 cpu1 overrun dropped utime_stime delivered agent_cpu_ns
     overrun0=$(zev_stat overrun); dropped0=$(zev_stat "dropped events")
     cpu0=$(cpu_ns "$agent_pid")
-    perf bench sched pipe -l "$LOOPS" > "$WORK/pipe.out"
+    pipe_storm "$3" "$WORK/pipe.out"
     sleep 1.5  # the agent's bounded wait: whatever is still buffered is read by now
     cpu1=$(cpu_ns "$agent_pid")
     overrun=$(( $(zev_stat overrun) - overrun0 )); dropped=$(( $(zev_stat "dropped events") - dropped0 ))
@@ -102,11 +125,14 @@ storm() {
     if [ -n "${delivered:-}" ] && [ "$delivered" -gt 0 ]; then
         echo "  agent CPU per record:      $(awk -v n="$agent_cpu_ns" -v r="$delivered" 'BEGIN{printf "%.0f ns", n/r}')"
     fi
-    echo "$1 $2 ${delivered:-0} $((overrun + dropped)) $agent_cpu_ns" >> "$WORK/storm"
+    echo "$1 $2 $3 ${delivered:-0} $((overrun + dropped)) $agent_cpu_ns $(awk '/usecs\/op/ {print $1}' "$WORK/pipe.out")" >> "$WORK/storm"
 }
 
+[ "$(nproc)" -ge 2 ] || PLACEMENTS=free
 for round in $(seq "$ROUNDS"); do
-    for setting in batch low; do storm "$setting" "$round"; done
+    for placement in $PLACEMENTS; do
+        for setting in batch low; do storm "$setting" "$round" "$placement"; done
+    done
 done
 echo "== exec latency, $SPAWNS spawns of /bin/true at 20/s"
 "$LATENCY" --count="$SPAWNS" --module="$BUILD/lib/libftrace_module.so" | tee -a "$WORK/latency" || true
@@ -136,16 +162,19 @@ if [ "$perf_records" -gt 0 ]; then
     echo "  perf CPU per record:       $(awk -v n="$perf_cpu_ns" -v r="$perf_records" 'BEGIN{printf "%.0f ns", n/r}')"
 fi
 
-echo "== both settings (storm: perf bench sched pipe -l $LOOPS; ratio against batch of the same round)"
-printf '%-6s %-5s %10s %6s %9s %9s   %-24s %-24s\n' setting round delivered lost "ns/rec" "x batch" \
-    "exec quiet p50/p99/max" "exec storm p50/p99/max"
-latency_of() {  # setting quiet|storm -> "p50/p99/max ms (n of m)"
+echo "== both settings (storm: perf bench sched pipe -l $LOOPS; ratio against batch of the same round and placement)"
+printf '%-6s %-5s %-9s %9s %10s %6s %9s %9s\n' setting round placement "us/loop" delivered lost "ns/rec" "x batch"
+while read -r setting round placement delivered lost cpu loop; do
+    per=$(awk -v n="$cpu" -v r="$delivered" 'BEGIN{ if (r > 0) printf "%.0f", n/r; else print "-" }')
+    base=$(awk -v r="$round" -v p="$placement" '$1 == "batch" && $2 == r && $3 == p { if ($4 > 0) printf "%.0f", $6/$4 }' "$WORK/storm")
+    ratio=$(awk -v p="$per" -v b="$base" 'BEGIN{ if (b > 0 && p > 0) printf "%.2f", p/b; else print "-" }')
+    printf '%-6s %-5s %-9s %9.1f %10s %6s %9s %9s\n' "$setting" "$round" "$placement" "${loop:-0}" "$delivered" "$lost" \
+        "$per" "$ratio"
+done < "$WORK/storm"
+printf '\n%-6s %-32s %-32s\n' setting "exec quiet p50/p99/max (ms)" "exec in a storm p50/p99/max (ms)"
+latency_of() {  # setting quiet|storm -> "p50/p99/max (n of m)"
     sed -n "s/^exec latency $1 $2: \([0-9]*\) of \([0-9]*\) .*p50 \([0-9.]*\) ms, p99 \([0-9.]*\) ms, max \([0-9.]*\) ms/\3\/\4\/\5 (\1\/\2)/p" "$WORK/latency"
 }
-while read -r setting round delivered lost cpu; do
-    per=$(awk -v n="$cpu" -v r="$delivered" 'BEGIN{ if (r > 0) printf "%.0f", n/r; else print "-" }')
-    base=$(awk -v r="$round" '$1 == "batch" && $2 == r { if ($3 > 0) printf "%.0f", $5/$3 }' "$WORK/storm")
-    ratio=$(awk -v p="$per" -v b="$base" 'BEGIN{ if (b > 0 && p > 0) printf "%.2f", p/b; else print "-" }')
-    printf '%-6s %-5s %10s %6s %9s %9s   %-24s %-24s\n' "$setting" "$round" "$delivered" "$lost" "$per" "$ratio" \
-        "$(latency_of "$setting" quiet)" "$(latency_of "$setting" storm)"
-done < "$WORK/storm"
+for setting in batch low; do
+    printf '%-6s %-32s %-32s\n' "$setting" "$(latency_of "$setting" quiet)" "$(latency_of "$setting" storm)"
+done

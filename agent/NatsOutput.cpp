@@ -219,6 +219,9 @@ bool NatsOutput::PrepareStream(natsConnection* connection, std::string* error) {
             config.Replicas = m_settings.replicas;
             config.Storage = js_FileStorage;
             status = js_AddStream(&info, js, &config, nullptr, &code);
+            // While a new cluster's routes settle, the answer to a create can
+            // be lost although the stream was made: look for it once more.
+            if (status == NATS_TIMEOUT) status = js_GetStreamInfo(&info, js, m_settings.stream.c_str(), nullptr, &code);
         }
         if (status != NATS_OK) {
             *error = where + " cannot create or find stream " + m_settings.stream + " (" + LastError(status) +

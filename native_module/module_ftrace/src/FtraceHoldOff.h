@@ -3,9 +3,10 @@
 // records. Each pass costs about the same beyond its records (the reading
 // thread's sleep and wake-up, its subscribers' wake-ups, the reads that end on
 // the page the kernel is still writing, caches gone cold while it slept),
-// about as much as 60 to 80 records on a small VM. A fast storm fills a shortest window with thousands of records,
-// and a lone event or a trickle should be read at once; in between, a slow
-// storm would pay that cost for every few hundred records. While records come
+// about as much as 60 to 80 records on a small VM. A fast storm fills a
+// shortest window with thousands of records, and a lone event or a trickle
+// should be read at once; in between, a slow storm would pay that cost for
+// every few hundred records. While records come
 // at more than kStormRate a second, the window therefore stretches so that a
 // pass reads about kRecordsPerPass of them, up to the longest window.
 

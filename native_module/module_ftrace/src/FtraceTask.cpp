@@ -171,19 +171,20 @@ int FtraceTask::Run() {
                           std::string(std::strerror(error)));
         }
     }
-    const bool coalescing = m_wakeup.coalesce_ms > 0;
+    // Without a configured hold-off it never holds anything off.
     FtraceHoldOff hold_off(std::chrono::milliseconds(m_wakeup.coalesce_ms),
                            std::chrono::milliseconds(m_wakeup.coalesce_max_ms));
+    Clock::time_point held_off_until{};
     BulkConsumeMsg(kMessagesPerBatch);
     while (state() != kStateCancelling) {
         const uint64_t records_before = m_records_read;
         Clock::time_point pass_began;
         if (MessageEmpty()) {
             // A hold-off set by the last pass is spent inside this wait.
-            if (coalescing) pass_began = std::max(Clock::now(), m_held_off_until);
+            pass_began = std::max(Clock::now(), held_off_until);
             GetEventWaiter().WaitAndHandleEvent(kWaitTimeoutMs, kEventsPerWait);
         } else {
-            if (coalescing) pass_began = Clock::now();
+            pass_began = Clock::now();
             BulkConsumeMsg(kMessagesPerBatch);
         }
         // The kernel wakes pollers of trace_pipe_raw only at the buffer's
@@ -193,9 +194,9 @@ int FtraceTask::Run() {
         // holding little more than that record. After a pass that read
         // records the next wait starts a window after this one did, so a
         // storm is read in full pages; a record after a quiet spell is read at once.
-        if (coalescing && m_records_read != records_before) {
-            m_held_off_until = hold_off.AfterPass(pass_began, m_records_read - records_before);
-            GetEventWaiter().HoldOffUntil(m_held_off_until);
+        if (m_records_read != records_before) {
+            held_off_until = hold_off.AfterPass(pass_began, m_records_read - records_before);
+            GetEventWaiter().HoldOffUntil(held_off_until);
         }
     }
     return 0;

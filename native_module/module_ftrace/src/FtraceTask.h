@@ -3,7 +3,6 @@
 // CPU and the watch registry; its Run loop serves watch requests and delivers
 // every decoded record to the subscribed tasks.
 
-#include <chrono>
 #include <map>
 #include <memory>
 #include <set>
@@ -107,7 +106,6 @@ private:
     std::vector<std::unique_ptr<const std::vector<std::string>>> m_retired_subscribers;
     FtraceWakeup m_wakeup;        // as configured when Init ran
     uint64_t m_records_read = 0;  // every record handed to send_ftrace_message
-    std::chrono::steady_clock::time_point m_held_off_until{};  // of the next wait, when set
     // The application last cast to the engine, its dynamic type, and the result.
     const Poco::Util::Application* m_application = nullptr;
     const std::type_info* m_application_type = nullptr;
